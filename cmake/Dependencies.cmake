@@ -1,0 +1,51 @@
+# The libraries that the service is built on. A missing one ends the configuration with the name of the
+# Debian package that brings it.
+
+function(require_library name header library package)
+  find_path(${name}_INCLUDE_DIR ${header})
+  mark_as_advanced(${name}_INCLUDE_DIR)
+  if(library)
+    find_library(${name}_LIBRARY ${library})
+    mark_as_advanced(${name}_LIBRARY)
+  endif()
+  if(NOT ${name}_INCLUDE_DIR OR (library AND NOT ${name}_LIBRARY))
+    message(FATAL_ERROR "${name} is missing: install the Debian package ${package}")
+  endif()
+endfunction()
+
+require_library(PCRE pcre.h pcre libpcre3-dev)
+add_library(PCRE::pcre INTERFACE IMPORTED)
+target_include_directories(PCRE::pcre INTERFACE ${PCRE_INCLUDE_DIR})
+target_link_libraries(PCRE::pcre INTERFACE ${PCRE_LIBRARY})
+
+require_library(cpptoml cpptoml.h "" libcpptoml-dev)
+add_library(cpptoml::headers INTERFACE IMPORTED)
+target_include_directories(cpptoml::headers SYSTEM INTERFACE ${cpptoml_INCLUDE_DIR})
+
+require_library(Boost.System boost/system/error_code.hpp boost_system libboost-system-dev)
+require_library(Boost.Filesystem boost/filesystem.hpp boost_filesystem libboost-filesystem-dev)
+find_package(Boost REQUIRED QUIET COMPONENTS filesystem system)
+
+# Lyra: an installed one of release 1.6 or later, else the stand-in of this project. An installed Lyra
+# has no version file; its header tells the release.
+add_library(lyra_headers INTERFACE)
+find_package(lyra CONFIG QUIET)
+
+if(TARGET bfg::lyra)
+  include(CheckCXXSourceCompiles)
+  set(CMAKE_REQUIRED_LIBRARIES bfg::lyra)
+  set(CMAKE_REQUIRED_FLAGS -std=c++17)
+  check_cxx_source_compiles("
+    #include <lyra/lyra.hpp>
+    static_assert(LYRA_VERSION >= 10600000, \"too old\");
+    int main() {}" lyra_is_usable)
+  unset(CMAKE_REQUIRED_LIBRARIES)
+  unset(CMAKE_REQUIRED_FLAGS)
+endif()
+if(lyra_is_usable)
+  target_link_libraries(lyra_headers INTERFACE bfg::lyra)
+  message(STATUS "Lyra: the installed one")
+else()
+  target_include_directories(lyra_headers INTERFACE ${PROJECT_SOURCE_DIR}/compat)
+  message(STATUS "Lyra: the bundled stand-in, compat/lyra (no installed release 1.6 or later)")
+endif()

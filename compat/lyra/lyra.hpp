@@ -1,0 +1,237 @@
+// A stand-in for the Lyra command line parser, for builds on machines that have none installed.
+//
+// It holds the pieces that this project uses, under Lyra's names and with the behaviour and the texts
+// of Lyra 1.6: options with a value, flags, a help flag, parsing and the usage text. The sources that
+// include <lyra/lyra.hpp> are the same with either.
+#ifndef LYRA_LYRA_HPP
+#define LYRA_LYRA_HPP
+
+#include <cstddef>
+#include <iomanip>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace lyra {
+
+// The arguments of main. Copies them.
+class args {
+public:
+    args(int argc, const char *const *argv) {
+        if (argc > 0)
+            exe_name_ = argv[0];
+        for (int i = 1; i < argc; ++i)
+            arguments_.emplace_back(argv[i]);
+    }
+    const std::string &exe_name() const { return exe_name_; }
+    const std::vector<std::string> &arguments() const { return arguments_; }
+
+private:
+    std::string exe_name_;
+    std::vector<std::string> arguments_;
+};
+
+// The outcome of a parse: true, or false with a message.
+class parse_result {
+public:
+    parse_result() = default;
+    static parse_result error(std::string message) {
+        parse_result result;
+        result.ok_ = false;
+        result.message_ = std::move(message);
+        return result;
+    }
+    explicit operator bool() const { return ok_; }
+    const std::string &message() const { return message_; }
+
+private:
+    bool ok_ = true;
+    std::string message_;
+};
+
+// An option: a flag when bound to a bool, else one that takes a value. The variable it is bound to
+// belongs to the caller and must outlive the parse.
+class opt {
+public:
+    explicit opt(bool &flag) : flag_(&flag) {}
+    opt(std::string &value, std::string hint) : value_(&value), hint_(std::move(hint)) {}
+
+    opt &operator[](const std::string &name) {
+        names_.push_back(name);
+        return *this;
+    }
+    opt &operator()(const std::string &description) {
+        description_ = description;
+        return *this;
+    }
+
+private:
+    friend class cli;
+    friend class help;
+    friend std::ostream &operator<<(std::ostream &, const class cli &);
+
+    bool is_named(const std::string &name) const {
+        for (const std::string &own : names_)
+            if (own == name)
+                return true;
+        return false;
+    }
+    std::string joined_names(const char *separator) const {
+        std::string text;
+        for (const std::string &name : names_)
+            text += (text.empty() ? "" : separator) + name;
+        return hint_.empty() ? text : text + " <" + hint_ + ">";
+    }
+
+    bool *flag_ = nullptr;
+    std::string *value_ = nullptr;
+    std::string hint_;
+    std::string description_;
+    std::vector<std::string> names_;
+    bool ends_parse_ = false; // a help flag: what follows it no longer matters
+};
+
+// The help flag, under its three customary names. Seen, it ends the parse with success.
+class help {
+public:
+    explicit help(bool &flag) : option_(flag) {
+        option_["-?"]["-h"]["--help"];
+        option_.ends_parse_ = true;
+    }
+
+private:
+    friend class cli;
+    opt option_;
+};
+
+// The parser: options in the order in which the usage text shows them, each accepted once.
+class cli {
+public:
+    cli &add_argument(const opt &option) {
+        options_.push_back(option);
+        return *this;
+    }
+    cli &add_argument(const help &option) {
+        description_ = "Display usage information.";
+        return add_argument(option.option_);
+    }
+    cli &operator|=(const opt &option) { return add_argument(option); }
+    cli &operator|=(const help &option) { return add_argument(option); }
+
+    // Sets the bound variables from left to right; those before a faulty argument stay set.
+    parse_result parse(const args &arguments) {
+        const std::size_t slash = arguments.exe_name().find_last_of("/\\");
+        exe_name_ = arguments.exe_name().substr(slash == std::string::npos ? 0 : slash + 1);
+        std::vector<bool> seen(options_.size(), false);
+        outcome at;
+        while (at.next < arguments.arguments().size() && !at.ended && at.message.empty())
+            parse_one(arguments.arguments(), at, seen);
+        return at.message.empty() ? parse_result() : parse_result::error(at.message);
+    }
+
+private:
+    friend std::ostream &operator<<(std::ostream &, const cli &);
+
+    struct outcome {
+        std::size_t next = 0; // index of the argument to look at
+        bool ended = false;
+        std::string message;
+    };
+
+    // The first option of that name that has not been given yet, or the number of options.
+    std::size_t find(const std::string &name, const std::vector<bool> &seen) const {
+        std::size_t i = 0;
+        while (i < options_.size() && (seen[i] || !options_[i].is_named(name)))
+            ++i;
+        return i;
+    }
+
+    // One argument: a long option, or a dash and one or more short ones, the last with its value.
+    void parse_one(const std::vector<std::string> &arguments, outcome &at, std::vector<bool> &seen) {
+        const std::string &argument = arguments[at.next++];
+        const std::string unrecognized = "Unrecognized token: " + argument;
+        if (argument.size() < 2 || argument[0] != '-') {
+            at.message = unrecognized;
+            return;
+        }
+        const std::size_t delimiter = argument.find_first_of(" =");
+        const bool has_value = delimiter != std::string::npos;
+        const std::string name = argument.substr(0, delimiter);
+        const std::string value = has_value ? argument.substr(delimiter + 1) : std::string();
+        if (const std::size_t i = find(name, seen); i < options_.size()) {
+            take(i, name, has_value ? &value : nullptr, arguments, at, seen);
+            return;
+        }
+        if (argument[1] == '-') {
+            at.message = unrecognized;
+            return;
+        }
+        for (std::size_t position = 1; position < argument.size(); ++position) {
+            const std::string letter = {'-', argument[position]};
+            const std::size_t i = find(letter, seen);
+            if (i == options_.size()) {
+                at.message = unrecognized;
+                return;
+            }
+            const bool delimited = position + 1 == delimiter;
+            const std::string rest = argument.substr(position + (delimited ? 2 : 1));
+            const bool joined = delimited || (options_[i].value_ != nullptr && !rest.empty());
+            take(i, letter, joined ? &rest : nullptr, arguments, at, seen);
+            if (joined || at.ended || !at.message.empty())
+                return;
+        }
+    }
+
+    // Applies one option, with the value from its own argument or else from the next one.
+    void take(std::size_t i, const std::string &name, const std::string *joined,
+              const std::vector<std::string> &arguments, outcome &at, std::vector<bool> &seen) {
+        const opt &option = options_[i];
+        seen[i] = true;
+        if (option.flag_ != nullptr) {
+            if (joined != nullptr) {
+                at.message = "Flag option '" + name + "' contains value '" + *joined + "'.";
+                return;
+            }
+            *option.flag_ = true;
+            at.ended = option.ends_parse_;
+        } else if (joined != nullptr) {
+            *option.value_ = *joined;
+        } else if (at.next < arguments.size()) {
+            *option.value_ = arguments[at.next++];
+        } else {
+            at.message = "Expected argument following " + name;
+        }
+    }
+
+    std::string exe_name_;
+    std::string description_;
+    std::vector<opt> options_;
+};
+
+inline cli operator|(cli parser, const opt &option) { return std::move(parser |= option); }
+inline cli operator|(cli parser, const help &option) { return std::move(parser |= option); }
+
+// The usage text of a parser, with the program name of its last parse.
+inline std::ostream &operator<<(std::ostream &out, const cli &parser) {
+    constexpr int name_column = 23;
+    out << "USAGE:\n  " << parser.exe_name_;
+    for (const opt &option : parser.options_)
+        out << " [" << option.joined_names("|") << "]";
+    out << "\n\n";
+    if (!parser.description_.empty())
+        out << parser.description_ << "\n\n";
+    out << "OPTIONS, ARGUMENTS:\n";
+    for (const opt &option : parser.options_) {
+        const std::string names = option.joined_names(", ");
+        out << "  " << std::left << std::setw(name_column) << names;
+        if (names.size() > name_column)
+            out << "\n" << std::setw(name_column + 2) << "";
+        out << " " << option.description_ << "\n";
+    }
+    return out;
+}
+
+} // namespace lyra
+
+#endif

@@ -1,0 +1,55 @@
+#include "config/directory_discovery.h"
+
+#include "compat/diagnostics.h"
+
+#include <boost/filesystem.hpp>
+#include <cstring>
+
+namespace {
+
+// Why an operation failed, without the paths that the exception's own text carries.
+std::string reason(const std::exception &error) {
+    const auto *known = dynamic_cast<const boost::filesystem::filesystem_error *>(&error);
+    return known == nullptr ? error.what() : strerror(known->code().value());
+}
+
+// Reports the first failure of a build only.
+void make_play_folder(const std::string &play_root, bool &failed) {
+    try {
+        boost::filesystem::create_directory(play_root);
+    } catch (const std::exception &error) {
+        if (!failed)
+            diag("Warning: cannot create '%s', %s\n", play_root.c_str(), reason(error).c_str());
+        failed = true;
+    }
+}
+
+} // namespace
+
+watch_registry build_directory_configuration(const std::string &dir) {
+    return discover_watch_folders(dir + "/Upload/", dir + "/Play/");
+}
+
+watch_registry discover_watch_folders(const std::string &upload_root,
+                                      const std::string &play_root) {
+    watch_registry result;
+    unsigned int n = 0;
+    bool play_failed = false;
+    try {
+        for (const auto &item : boost::filesystem::directory_iterator(upload_root)) {
+            const std::string file_name = item.path().filename().string();
+            const std::string name = "event" + std::to_string(n++);
+            WatchEntry entry;
+            entry.name = name;
+            entry.watch_path = upload_root + file_name;
+            entry.target_file = play_root + file_name;
+            entry.patterns.emplace_back("");
+            // Once for every item: a play folder that disappears meanwhile is made again.
+            make_play_folder(play_root, play_failed);
+            result[name] = std::move(entry);
+        }
+    } catch (const std::exception &error) {
+        diag("Warning: cannot list '%s', %s\n", upload_root.c_str(), reason(error).c_str());
+    }
+    return result;
+}

@@ -1,0 +1,150 @@
+#include "delivery/deliver_file.h"
+
+#include "compat/diagnostics.h"
+#include "compat/handles.h"
+#include "delivery/archive_name.h"
+#include "delivery/cppmetadir.h"
+#include "delivery/in_use.h"
+#include "delivery/item_metadata.h"
+#include "delivery/original_name.h"
+#include "platform/process_util.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <optional>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr char archive_directory[] = "ARCHIVE";
+
+bool is_set(const char *text) { return text != nullptr && *text != '\0'; }
+
+bool is_location_complete(const ItemContext &target) {
+    return is_set(target.dir_path()) && is_set(target.file_name()) && target.dir_fd() >= 0;
+}
+
+// Is the item in place or the new file in use? Asked once, before anything is touched.
+bool is_refused(const char *name, const ItemContext &target, const WatchEntry &entry) {
+    if (is_item_running(target)) {
+        diag("File '%s' is running, not acting\n", entry.target_file.c_str());
+        return true;
+    }
+    if (is_path_in_use(entry.target_file)) {
+        diag("File '%s' is in use, not acting\n", entry.target_file.c_str());
+        return true;
+    }
+    if (is_path_in_use(entry.watch_path + "/" + name)) {
+        diag("File source '%s/%s' is in use, not acting\n", entry.watch_path.c_str(), name);
+        return true;
+    }
+    return false;
+}
+
+unique_fd open_archive(int target_fd) {
+    if (mkdirat(target_fd, archive_directory, 0755) != 0 && errno != EEXIST)
+        diag("Cannot make ARCHIVE directory, %s\n", strerror(errno));
+    unique_fd archive(openat(target_fd, archive_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!archive)
+        diag("Cannot access ARCHIVE directory, %s\n", strerror(errno));
+    return archive;
+}
+
+// An item by its opened directory and its two names there.
+struct item_place {
+    int dir_fd;
+    std::string file;
+    std::string metadir; // empty where the file can have no metadata directory
+};
+
+item_place place_of(int dir_fd, const std::string &file) {
+    return {dir_fd, file, file_to_metadir(file)};
+}
+
+// Renames within the opened directories. False for a failure other than that there was nothing to move;
+// errno then says why.
+bool move(int from_fd, const std::string &from, int to_fd, const std::string &to) {
+    return renameat(from_fd, from.c_str(), to_fd, to.c_str()) == 0 || errno == ENOENT;
+}
+
+bool move_file(const item_place &from, const item_place &to) {
+    return move(from.dir_fd, from.file, to.dir_fd, to.file);
+}
+
+bool move_metadata(const item_place &from, const item_place &to) {
+    return from.metadir.empty() || to.metadir.empty() ||
+           move(from.dir_fd, from.metadir, to.dir_fd, to.metadir);
+}
+
+// The local time of now; nothing when it cannot be told.
+std::optional<tm> capture_time() {
+    const time_t now = time(nullptr);
+    const tm *local = localtime(&now);
+    return local == nullptr ? std::nullopt : std::optional<tm>(*local);
+}
+
+// The recorded original name when it is free in the archive; otherwise that name, or the target's own,
+// with a suffix.
+std::string choose_archive_name(int archive_fd, const ItemContext &target, ItemMetadata &list) {
+    std::string archive_name = target.file_name();
+    const std::optional<tm> captured = capture_time();
+    const std::string original_name = read_original_name(target, list);
+    bool needs_suffix = true;
+    if (!original_name.empty()) {
+        archive_name = original_name;
+        needs_suffix = is_archive_name_taken(archive_fd, archive_name);
+    }
+    if (needs_suffix && captured)
+        archive_name += archive_suffix(*captured, monotonic_clock_us());
+    return archive_name;
+}
+
+// Moves the item in place into the archive. False when something that was there could not be moved.
+bool archive_item(const item_place &in_place, unique_fd archive, const ItemContext &target) {
+    ItemMetadata list;
+    const item_place archived =
+        place_of(archive.get(), choose_archive_name(archive.get(), target, list));
+    bool moved = true;
+    if (!move_file(in_place, archived)) {
+        diag("Cannot move ARCHIVE file into directory, %s\n", strerror(errno));
+        moved = false;
+    }
+    if (!move_metadata(in_place, archived)) {
+        diag("Cannot move ARCHIVE file metadata into directory, %s\n", strerror(errno));
+        moved = false;
+    }
+    archive.reset();
+    diag("Existing file moved into ARCHIVE directory.\n");
+    return moved;
+}
+
+// Moves the new item into place. False when the file could not be moved; metadata that could not be
+// moved stays behind and is reported.
+bool move_new_item(const item_place &arriving, const item_place &in_place) {
+    bool moved = true;
+    if (!move_file(arriving, in_place)) {
+        diag("Cannot move NEW file into directory, %s\n", strerror(errno));
+        moved = false;
+    }
+    if (!move_metadata(arriving, in_place))
+        diag("Cannot move NEW file metadata into directory, %s\n", strerror(errno));
+    return moved;
+}
+
+} // namespace
+
+void deliver_file(DIR *watch_dir, const char *name, ItemContext &target, const WatchEntry &entry) {
+    target.open_the_file();
+    target.open_metadata_dir();
+    if (!is_location_complete(target) || is_refused(name, target, entry))
+        return;
+    diag("Checking found file '%s' to replace '%s'\n", name, entry.target_file.c_str());
+    // All names first: should memory run out, it does so before anything has moved.
+    const item_place in_place = place_of(target.dir_fd(), target.file_name());
+    const item_place arriving = place_of(dirfd(watch_dir), name);
+    unique_fd archive = open_archive(target.dir_fd());
+    if (!archive || !archive_item(in_place, std::move(archive), target))
+        return;
+    if (move_new_item(arriving, in_place))
+        record_original_name(target, name);
+}

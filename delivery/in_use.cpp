@@ -1,0 +1,41 @@
+#include "delivery/in_use.h"
+
+#include "platform/procfs.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char marker[] = ".media.item.active.socket";
+
+bool is_served_socket(const char *path) {
+    struct stat status {};
+    return lstat(path, &status) == 0 && S_ISSOCK(status.st_mode) &&
+           get_socket_server_pid(path, 1) != -1;
+}
+
+} // namespace
+
+bool is_item_running(const ItemContext &item) {
+    struct stat status {};
+    if (item.metadir_fd() < 0 ||
+        fstatat(item.metadir_fd(), marker, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
+    if (S_ISREG(status.st_mode))
+        return true;
+    if (!S_ISLNK(status.st_mode))
+        return false;
+    char link[512];
+    const ssize_t length = readlinkat(item.metadir_fd(), marker, link, sizeof(link) - 1);
+    if (length <= 0)
+        return false;
+    link[length] = '\0';
+    return is_served_socket(link);
+}
+
+bool is_path_in_use(const std::string &path) {
+    procfs_path_in_use_info info{};
+    return procfs_path_in_use(path.c_str(), &info, 1, 0) > 0;
+}
