@@ -1,7 +1,8 @@
 // Holders for descriptors and streams, so that every path out of a function releases them.
 //
 // Owns:   what it was given, until release() or reset().
-// Errors: none; closing keeps errno, so that a failure can still be reported after a holder is gone.
+// Errors: none; closing keeps errno, so that a failure can still be reported after a holder is
+// gone.
 #ifndef COMPAT_HANDLES_H
 #define COMPAT_HANDLES_H
 

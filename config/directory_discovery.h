@@ -9,8 +9,8 @@
 
 #include <string>
 
-// The entries event0, event1, ... for the items of dir's upload folder, whatever their kind, in listing
-// order. Makes the play folder when there is at least one item.
+// The entries event0, event1, ... for the items of dir's upload folder, whatever their kind, in
+// listing order. Makes the play folder when there is at least one item.
 watch_registry build_directory_configuration(const std::string &dir);
 
 // The same for an upload root and a play root, both ending in a slash.

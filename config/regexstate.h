@@ -1,5 +1,5 @@
-// One match pattern: a Perl-compatible regular expression, compiled once, matched anywhere in a name and
-// regardless of case.
+// One match pattern: a Perl-compatible regular expression, compiled once, matched anywhere in a
+// name and regardless of case.
 //
 // Owns:   the compiled form; a copy compiles one of its own, a move hands it over.
 // Errors: a pattern that does not compile is a state that is not ready and says why in `error`.

@@ -7,9 +7,9 @@
 
 constexpr size_t toml_nesting_limit = 100;
 
-// Follows the nesting of a TOML text that is given to it piece by piece: arrays and inline tables one
-// inside another, and the components of a dotted key. Brackets and dots in strings and comments do not
-// count.
+// Follows the nesting of a TOML text that is given to it piece by piece: arrays and inline tables
+// one inside another, and the components of a dotted key. Brackets and dots in strings and comments
+// do not count.
 class toml_nesting {
 public:
     // True while no nesting is over the limit.
@@ -29,9 +29,9 @@ private:
     size_t components_ = 0;
 };
 
-// Throws cpptoml::parse_exception for a path that leads to anything but a regular file, for a file that
-// cannot be read to its end and for one with too deep a nesting. A file that cannot be opened is left
-// for the parser to report.
+// Throws cpptoml::parse_exception for a path that leads to anything but a regular file, for a file
+// that cannot be read to its end and for one with too deep a nesting. A file that cannot be opened
+// is left for the parser to report.
 void refuse_unfit_toml(const std::string &path);
 
 #endif

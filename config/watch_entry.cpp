@@ -27,7 +27,6 @@ bool WatchEntry::is_valid() const {
 }
 
 bool WatchEntry::matches(const char *file_name) const {
-    return std::any_of(patterns.begin(), patterns.end(), [file_name](const RegexState &state) {
-        return state.matches(file_name);
-    });
+    return std::any_of(patterns.begin(), patterns.end(),
+                       [file_name](const RegexState &state) { return state.matches(file_name); });
 }

@@ -31,18 +31,24 @@ std::string file_to_metadir(const char *path) {
     return map_name(metadata_v4_file_to_metadir, path, room_for_metadir);
 }
 
-std::string file_to_metadir(const std::string &path) { return file_to_metadir(path.c_str()); }
+std::string file_to_metadir(const std::string &path) {
+    return file_to_metadir(path.c_str());
+}
 
 std::string metadir_to_file(const char *path) {
     assert(path != NULL);
     return map_name(metadata_v4_metadir_to_file, path, room_for_file);
 }
 
-std::string metadir_to_file(const std::string &path) { return metadir_to_file(path.c_str()); }
+std::string metadir_to_file(const std::string &path) {
+    return metadir_to_file(path.c_str());
+}
 
 bool is_metadata_dir_name(const char *path) {
     assert(path != NULL);
     return metadata_v4_context_is_metadata_name(path) > 0;
 }
 
-bool is_metadata_dir_name(const std::string &path) { return is_metadata_dir_name(path.c_str()); }
+bool is_metadata_dir_name(const std::string &path) {
+    return is_metadata_dir_name(path.c_str());
+}

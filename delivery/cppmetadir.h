@@ -4,8 +4,8 @@
 
 #include <string>
 
-// The name of the metadata directory of a file, and back. Empty for a path of more than 4096 bytes and
-// where the library gives none. A null path is a programming error.
+// The name of the metadata directory of a file, and back. Empty for a path of more than 4096 bytes
+// and where the library gives none. A null path is a programming error.
 std::string file_to_metadir(const char *path);
 std::string file_to_metadir(const std::string &path);
 std::string metadir_to_file(const char *path);

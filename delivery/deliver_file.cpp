@@ -18,7 +18,9 @@ namespace {
 
 constexpr char archive_directory[] = "ARCHIVE";
 
-bool is_set(const char *text) { return text != nullptr && *text != '\0'; }
+bool is_set(const char *text) {
+    return text != nullptr && *text != '\0';
+}
 
 bool is_location_complete(const ItemContext &target) {
     return is_set(target.dir_path()) && is_set(target.file_name()) && target.dir_fd() >= 0;
@@ -61,8 +63,8 @@ item_place place_of(int dir_fd, const std::string &file) {
     return {dir_fd, file, file_to_metadir(file)};
 }
 
-// Renames within the opened directories. False for a failure other than that there was nothing to move;
-// errno then says why.
+// Renames within the opened directories. False for a failure other than that there was nothing to
+// move; errno then says why.
 bool move(int from_fd, const std::string &from, int to_fd, const std::string &to) {
     return renameat(from_fd, from.c_str(), to_fd, to.c_str()) == 0 || errno == ENOENT;
 }
@@ -83,8 +85,8 @@ std::optional<tm> capture_time() {
     return local == nullptr ? std::nullopt : std::optional<tm>(*local);
 }
 
-// The recorded original name when it is free in the archive; otherwise that name, or the target's own,
-// with a suffix.
+// The recorded original name when it is free in the archive; otherwise that name, or the target's
+// own, with a suffix.
 std::string choose_archive_name(int archive_fd, const ItemContext &target, ItemMetadata &list) {
     std::string archive_name = target.file_name();
     const std::optional<tm> captured = capture_time();

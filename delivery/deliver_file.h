@@ -7,12 +7,12 @@
 
 #include <dirent.h>
 
-// Delivers the file `name` of the opened watch folder to the target, whose location is set and whose
-// directory is open. Borrows all four; the target's handles may be closed afterwards. Every move is a
-// rename within the opened directories. A file that is refused, or whose predecessor cannot be archived
-// whole, stays in the watch folder.
-// Prints the refusal, or "Checking found file '%s' to replace '%s'", "Existing file moved into ARCHIVE
-// directory.", what reading and recording the original name print, and a line for each move that failed.
+// Delivers the file `name` of the opened watch folder to the target, whose location is set and
+// whose directory is open. Borrows all four; the target's handles may be closed afterwards. Every
+// move is a rename within the opened directories. A file that is refused, or whose predecessor
+// cannot be archived whole, stays in the watch folder. Prints the refusal, or "Checking found file
+// '%s' to replace '%s'", "Existing file moved into ARCHIVE directory.", what reading and recording
+// the original name print, and a line for each move that failed.
 void deliver_file(DIR *watch_dir, const char *name, ItemContext &target, const WatchEntry &entry);
 
 #endif

@@ -6,8 +6,8 @@
 
 #include <string>
 
-// Does the metadata directory, opened beforehand, hold an active-socket marker: a regular file, or a
-// symbolic link to a socket that a living process serves? False when that cannot be told.
+// Does the metadata directory, opened beforehand, hold an active-socket marker: a regular file, or
+// a symbolic link to a socket that a living process serves? False when that cannot be told.
 bool is_item_running(const ItemContext &item);
 
 // Does any process hold the file open? False when that cannot be told.

@@ -4,21 +4,18 @@
 #include <fcntl.h>
 
 // The library owns this layout; a library with another one must not get past the compiler.
-static_assert(offsetof(metadata_v4_context, dir_path) == 0 &&
-                  sizeof(metadata_v4_context::dir_path) == 8 &&
-                  offsetof(metadata_v4_context, dir_fd) == 8 &&
-                  sizeof(metadata_v4_context::dir_fd) == 4 &&
-                  offsetof(metadata_v4_context, file_name) == 16 &&
-                  sizeof(metadata_v4_context::file_name) == 8 &&
-                  offsetof(metadata_v4_context, file_fd) == 24 &&
-                  sizeof(metadata_v4_context::file_fd) == 4 &&
-                  offsetof(metadata_v4_context, metadir_name) == 32 &&
-                  sizeof(metadata_v4_context::metadir_name) == 8 &&
-                  offsetof(metadata_v4_context, metadir_fd) == 40 &&
-                  sizeof(metadata_v4_context::metadir_fd) == 4 &&
-                  offsetof(metadata_v4_context, flags) == 44 &&
-                  sizeof(metadata_v4_context::flags) == 1,
-              "layout of metadata_v4_context");
+static_assert(
+    offsetof(metadata_v4_context, dir_path) == 0 && sizeof(metadata_v4_context::dir_path) == 8 &&
+        offsetof(metadata_v4_context, dir_fd) == 8 && sizeof(metadata_v4_context::dir_fd) == 4 &&
+        offsetof(metadata_v4_context, file_name) == 16 &&
+        sizeof(metadata_v4_context::file_name) == 8 &&
+        offsetof(metadata_v4_context, file_fd) == 24 && sizeof(metadata_v4_context::file_fd) == 4 &&
+        offsetof(metadata_v4_context, metadir_name) == 32 &&
+        sizeof(metadata_v4_context::metadir_name) == 8 &&
+        offsetof(metadata_v4_context, metadir_fd) == 40 &&
+        sizeof(metadata_v4_context::metadir_fd) == 4 &&
+        offsetof(metadata_v4_context, flags) == 44 && sizeof(metadata_v4_context::flags) == 1,
+    "layout of metadata_v4_context");
 
 ItemContext::ItemContext() : context_(metadata_v4_context_create()) {
     set_create_metadata_dir(false);
@@ -73,7 +70,6 @@ void ItemContext::close_file_handles() {
 void ItemContext::set_create_metadata_dir(bool create) {
     if (context_ == nullptr)
         return;
-    context_->flags = static_cast<uint8_t>(
-        create ? context_->flags | METADATA_V4_CREATE_METADIR
-               : context_->flags & ~METADATA_V4_CREATE_METADIR);
+    context_->flags = static_cast<uint8_t>(create ? context_->flags | METADATA_V4_CREATE_METADIR
+                                                  : context_->flags & ~METADATA_V4_CREATE_METADIR);
 }

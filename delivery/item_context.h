@@ -1,7 +1,9 @@
-// The holder of one file location: its directory, its file, its metadata directory, their descriptors.
+// The holder of one file location: its directory, its file, its metadata directory, their
+// descriptors.
 //
 // Owns:   the library's context, and through it every descriptor stored there.
-// Errors: operations return false; none throws. A holder that got no context acts as if nothing were
+// Errors: operations return false; none throws. A holder that got no context acts as if nothing
+// were
 //         there.
 #ifndef DELIVERY_ITEM_CONTEXT_H
 #define DELIVERY_ITEM_CONTEXT_H

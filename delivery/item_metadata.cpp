@@ -14,7 +14,9 @@ static_assert(offsetof(metadata_v4_metadata_entry, name) == 0 &&
                   sizeof(metadata_v4_metadata_entry::value) == 8,
               "layout of metadata_v4_metadata_entry");
 
-ItemMetadata::~ItemMetadata() { metadata_v4_metadata_context_destroy(list_); }
+ItemMetadata::~ItemMetadata() {
+    metadata_v4_metadata_context_destroy(list_);
+}
 
 bool ItemMetadata::load_from_file(const ItemContext &context, bool for_writing) {
     if (context.get() == nullptr)
@@ -39,13 +41,12 @@ const metadata_v4_metadata_entry *ItemMetadata::entry_at(uint64_t index) const {
 }
 
 bool ItemMetadata::set_entry(uint64_t index, const char *name, const char *value) {
-    return list_ != nullptr &&
-           metadata_v4_metadata_context_set_name_value_pair(
-               list_, metadata_v4_metadata_context_read_entry(list_, index), name, 0, value, 0,
-               -1) == 0;
+    return list_ != nullptr && metadata_v4_metadata_context_set_name_value_pair(
+                                   list_, metadata_v4_metadata_context_read_entry(list_, index),
+                                   name, 0, value, 0, -1) == 0;
 }
 
 bool ItemMetadata::add_entry(const char *name, const char *value) {
-    return list_ != nullptr && metadata_v4_metadata_context_add_name_value_pair(
-                                   list_, name, 0, value, 0, -1) == 0;
+    return list_ != nullptr &&
+           metadata_v4_metadata_context_add_name_value_pair(list_, name, 0, value, 0, -1) == 0;
 }

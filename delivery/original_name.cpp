@@ -8,8 +8,8 @@ namespace {
 
 constexpr char original_name_key[] = "original filename";
 
-// Prints every entry that has a name and a value; returns the index of the last one with the key, or
-// the number of entries when none has it.
+// Prints every entry that has a name and a value; returns the index of the last one with the key,
+// or the number of entries when none has it.
 uint64_t print_entries(const ItemMetadata &list) {
     const uint64_t count = list.entry_count();
     uint64_t position = count;

@@ -12,7 +12,9 @@
 
 namespace {
 
-void close_one(int32_t &fd) { unique_fd(std::exchange(fd, -1)).reset(); }
+void close_one(int32_t &fd) {
+    unique_fd(std::exchange(fd, -1)).reset();
+}
 
 void forget_location(metadata_v4_context *context) {
     metadata_v4_context_close_file_handles(context);
@@ -73,8 +75,7 @@ int metadata_v4_context_open_the_file(metadata_v4_context *context) {
     }
     close_one(context->file_fd);
     // O_PATH: no device is opened, no FIFO waited for, and nobody sees a file in use because of it.
-    context->file_fd =
-        openat(context->dir_fd, context->file_name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    context->file_fd = openat(context->dir_fd, context->file_name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     return context->file_fd < 0 ? -1 : 0;
 }
 

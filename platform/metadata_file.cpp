@@ -38,8 +38,7 @@ bool read_all(int fd, size_t size_hint, std::string &text) {
 
 bool write_all(int fd, const std::string &text) {
     for (size_t done = 0; done < text.size();) {
-        const ssize_t count =
-            TEMP_FAILURE_RETRY(write(fd, text.data() + done, text.size() - done));
+        const ssize_t count = TEMP_FAILURE_RETRY(write(fd, text.data() + done, text.size() - done));
         if (count <= 0)
             return count < 0 ? false : fail(EIO);
         done += static_cast<size_t>(count);
@@ -47,8 +46,9 @@ bool write_all(int fd, const std::string &text) {
     return true;
 }
 
-// Creates a file that nobody else had a hand in and stores its name. What a crash left under the first
-// name is removed; should something that cannot be removed stand there, further names are tried.
+// Creates a file that nobody else had a hand in and stores its name. What a crash left under the
+// first name is removed; should something that cannot be removed stand there, further names are
+// tried.
 unique_fd create_temporary(int metadir_fd, char (&name)[temporary_name_size], mode_t mode) {
     for (int i = 0; i < temporary_names; ++i) {
         snprintf(name, sizeof(name), i == 0 ? ".metadata.new" : ".metadata.new.%d", i);

@@ -9,7 +9,9 @@ namespace {
 constexpr std::string_view prefix = ".";
 constexpr std::string_view suffix = ".metadir";
 
-bool is_file_name(std::string_view name) { return !name.empty() && name != "." && name != ".."; }
+bool is_file_name(std::string_view name) {
+    return !name.empty() && name != "." && name != "..";
+}
 
 // The directory part of a path with its slash, and what follows.
 struct split_path {

@@ -6,8 +6,8 @@
 
 namespace {
 
-// Decodes one line behind `out` and moves `out` on. A backslash before anything but the characters it
-// escapes stands for itself.
+// Decodes one line behind `out` and moves `out` on. A backslash before anything but the characters
+// it escapes stands for itself.
 metadata_v4_metadata_entry decode_line(std::string_view line, char *&out) {
     metadata_v4_metadata_entry entry{nullptr, nullptr};
     if (line.find('\0') != std::string_view::npos)
@@ -46,8 +46,8 @@ void encode(std::string &out, const char *text, bool is_name) {
 metadata_text parse_metadata(std::string raw) {
     metadata_text text;
     text.raw = std::move(raw);
-    // A decoded line is never longer than its raw form; the last one may lack the newline that makes
-    // room for its NUL.
+    // A decoded line is never longer than its raw form; the last one may lack the newline that
+    // makes room for its NUL.
     text.decoded.reset(new char[text.raw.size() + 1]);
     char *out = text.decoded.get();
     size_t begin = 0;

@@ -1,13 +1,15 @@
 /* Metadata of media items: names, locations and the name/value list of an item.
  *
- * A media item is a file plus a metadata directory beside it: that of news.mxf is .news.mxf.metadir.
- * The directory holds the file "metadata", one entry a line, name=value, with the escapes \\ and \n
- * and, in a name, \=. A line without an unescaped "=" is an entry without value, one that begins with
- * "=" an entry without name; a line with a NUL byte is an entry with neither, since texts end at NUL.
+ * A media item is a file plus a metadata directory beside it: that of news.mxf is
+ * .news.mxf.metadir. The directory holds the file "metadata", one entry a line, name=value, with
+ * the escapes \\ and \n and, in a name, \=. A line without an unescaped "=" is an entry without
+ * value, one that begins with
+ * "=" an entry without name; a line with a NUL byte is an entry with neither, since texts end at
+ * NUL.
  *
- * Owns:   a context owns its texts and descriptors, a list its entries; both end with their destroy.
- * Errors: functions that return int give a negative number, with errno, unless they say otherwise.
- * Prints: nothing.
+ * Owns:   a context owns its texts and descriptors, a list its entries; both end with their
+ * destroy. Errors: functions that return int give a negative number, with errno, unless they say
+ * otherwise. Prints: nothing.
  *
  * Whoever can write into a watch folder can plant anything there. Nothing here follows a symbolic
  * link at a metadata directory, a metadata file or a temporary file, waits for a FIFO, or writes
@@ -42,10 +44,12 @@ typedef struct metadata_v4_metadata_context {
     void *implementation;
     uint64_t entry_count;
     void *reserved[4];
-    int32_t descriptor; /* of the metadata directory, borrowed from the context; negative: not bound */
+    int32_t
+        descriptor; /* of the metadata directory, borrowed from the context; negative: not bound */
 } metadata_v4_metadata_context;
 
-/* One entry; either text may be null. Valid until the list is changed, loaded again or destroyed. */
+/* One entry; either text may be null. Valid until the list is changed, loaded again or destroyed.
+ */
 typedef struct metadata_v4_metadata_entry {
     char *name;
     char *value;
@@ -66,8 +70,8 @@ metadata_v4_context *metadata_v4_context_create(void);
 /* Closes the handles and releases the context, which may be null. */
 void metadata_v4_context_destroy(metadata_v4_context *context);
 
-/* Splits path and closes the handles of an earlier location. Opens nothing and does not need the file
- * to exist. On failure (no last component, out of memory) the context has no location. */
+/* Splits path and closes the handles of an earlier location. Opens nothing and does not need the
+ * file to exist. On failure (no last component, out of memory) the context has no location. */
 int metadata_v4_context_set_file_location(metadata_v4_context *context, const char *path);
 
 /* Opens the file in the opened directory with O_PATH, without following a symbolic link. */
@@ -87,18 +91,18 @@ metadata_v4_metadata_context *metadata_v4_metadata_context_create(void);
 void metadata_v4_metadata_context_destroy(metadata_v4_metadata_context *list);
 
 /* Replaces the entries by those of the item, whose metadata directory must be open in the context.
- * for_writing 0: fails when there is no metadata file. for_writing 1: binds the list to the metadata
- * directory, and a missing file is an empty list. A metadata file that is not a regular file, is
- * larger than 8 MiB or cannot be read is a failure either way. A failure leaves the list empty and
- * unbound, so that nothing is overwritten. The last argument must be null. */
+ * for_writing 0: fails when there is no metadata file. for_writing 1: binds the list to the
+ * metadata directory, and a missing file is an empty list. A metadata file that is not a regular
+ * file, is larger than 8 MiB or cannot be read is a failure either way. A failure leaves the list
+ * empty and unbound, so that nothing is overwritten. The last argument must be null. */
 int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_context *list,
                                                          metadata_v4_context *context,
                                                          int for_writing, void *reserved);
 
 /* Replaces the metadata file of the context to which the list is bound: at every instant, a crash
- * included, the old or the new one is there, whole. Entries that were not changed are written as they
- * were read; mode and owner of an existing file are kept. On failure the old file stands and no
- * temporary file is left. The last two arguments must be 0 and null. */
+ * included, the old or the new one is there, whole. Entries that were not changed are written as
+ * they were read; mode and owner of an existing file are kept. On failure the old file stands and
+ * no temporary file is left. The last two arguments must be 0 and null. */
 int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_context *list,
                                                         metadata_v4_context *context, int flags,
                                                         void *reserved);
@@ -107,8 +111,8 @@ int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_con
 metadata_v4_metadata_entry *
 metadata_v4_metadata_context_read_entry(metadata_v4_metadata_context *list, uint64_t index);
 
-/* Change an entry of the list, or add one at its end. A length of 0 means up to the NUL. The name must
- * not be empty. On failure (-1) the list is unchanged. The last argument must be -1. */
+/* Change an entry of the list, or add one at its end. A length of 0 means up to the NUL. The name
+ * must not be empty. On failure (-1) the list is unchanged. The last argument must be -1. */
 int metadata_v4_metadata_context_set_name_value_pair(metadata_v4_metadata_context *list,
                                                      metadata_v4_metadata_entry *entry,
                                                      const char *name, size_t name_length,

@@ -14,10 +14,12 @@ namespace {
 
 constexpr size_t listing_buffer_size = size_t{32} << 10;
 
-bool is_number(const char *name) { return *name >= '0' && *name <= '9'; }
+bool is_number(const char *name) {
+    return *name >= '0' && *name <= '9';
+}
 
-// Calls visit(name) for each entry whose name is a number until it returns true, and returns whether
-// one did. Reading stops at an error, which for a process means that it has gone.
+// Calls visit(name) for each entry whose name is a number until it returns true, and returns
+// whether one did. Reading stops at an error, which for a process means that it has gone.
 template<typename Visit> bool any_number(int directory, Visit visit) {
     alignas(dirent64) char buffer[listing_buffer_size];
     ssize_t size = 0;
@@ -32,7 +34,8 @@ template<typename Visit> bool any_number(int directory, Visit visit) {
     return false;
 }
 
-// The service's number in this process file system, which need not be that of its own pid namespace.
+// The service's number in this process file system, which need not be that of its own pid
+// namespace.
 std::string own_number(int proc) {
     char number[16];
     const ssize_t length = readlinkat(proc, "self", number, sizeof(number));

@@ -14,13 +14,14 @@ inline bool operator==(const file_identity &a, const file_identity &b) {
     return a.inode == b.inode && a.device == b.device;
 }
 
-// The identity of the file that a name leads to, links followed, taken from what the kernel has at hand:
-// a file on a dead network server must not hold anybody up. False with errno.
+// The identity of the file that a name leads to, links followed, taken from what the kernel has at
+// hand: a file on a dead network server must not hold anybody up. False with errno.
 [[nodiscard]] bool identify(int at, const char *name, file_identity &identity);
 
 // The id of a process other than the service that has the file open; 0 when there is none, -1 with
-// errno when the process file system cannot be listed. Processes and descriptors that vanish meanwhile,
-// and those of processes that may not be looked at, are passed over. Holds two descriptors.
+// errno when the process file system cannot be listed. Processes and descriptors that vanish
+// meanwhile, and those of processes that may not be looked at, are passed over. Holds two
+// descriptors.
 pid_t find_process_with_open_file(const file_identity &file);
 
 #endif

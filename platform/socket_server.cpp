@@ -19,8 +19,8 @@ namespace {
 
 constexpr size_t answer_size = size_t{32} << 10;
 
-// The kernel tells of each socket which file it is bound to; the tables of the process file system only
-// have the text that was given to bind, which may be relative, moved or linked.
+// The kernel tells of each socket which file it is bound to; the tables of the process file system
+// only have the text that was given to bind, which may be relative, moved or linked.
 bool request_sockets(int netlink) {
     struct {
         nlmsghdr header;
@@ -36,17 +36,19 @@ bool request_sockets(int netlink) {
            static_cast<ssize_t>(sizeof(request));
 }
 
-// Connections that a listener accepted show its file too; only what listens serves it, or, where there
-// are no connections, what is bound.
+// Connections that a listener accepted show its file too; only what listens serves it, or, where
+// there are no connections, what is bound.
 bool can_serve(const unix_diag_msg &socket) {
     return socket.udiag_type == SOCK_DGRAM || socket.udiag_state == TCP_LISTEN;
 }
 
-std::string last_component(const std::string &path) { return path.substr(path.rfind('/') + 1); }
+std::string last_component(const std::string &path) {
+    return path.substr(path.rfind('/') + 1);
+}
 
-// The attribute decides where a file's device is that of its file system. With subvolumes and overlays
-// it is not: there the name that was given to bind has to lead to the file, or, where that is relative,
-// at least the inode number and the last component agree.
+// The attribute decides where a file's device is that of its file system. With subvolumes and
+// overlays it is not: there the name that was given to bind has to lead to the file, or, where that
+// is relative, at least the inode number and the last component agree.
 bool is_bound_to(const nlmsghdr *message, const std::string &path, const file_identity &file) {
     const auto *socket = static_cast<const unix_diag_msg *>(NLMSG_DATA(message));
     auto left = static_cast<int>(message->nlmsg_len - NLMSG_LENGTH(sizeof(*socket)));
@@ -60,9 +62,10 @@ bool is_bound_to(const nlmsghdr *message, const std::string &path, const file_id
             name.assign(static_cast<const char *>(RTA_DATA(attribute)), RTA_PAYLOAD(attribute));
     }
     if (name.empty() || name[0] == '\0')
-        return false; // not bound to a file
+        return false;    // not bound to a file
     name = name.c_str(); // may come with the NUL that ends it
-    // The kernel's own device number has 20 bits of minor, and of the inode number this is the low half.
+    // The kernel's own device number has 20 bits of minor, and of the inode number this is the low
+    // half.
     const bool same_inode = bound.udiag_vfs_ino == static_cast<uint32_t>(file.inode);
     if (same_inode &&
         makedev(bound.udiag_vfs_dev >> 20, bound.udiag_vfs_dev & 0xfffff) == file.device)
@@ -72,8 +75,8 @@ bool is_bound_to(const nlmsghdr *message, const std::string &path, const file_id
                           : same_inode && last_component(name) == last_component(path);
 }
 
-// The inode number of the first socket that serves the file; 0 when none does, -1 when the kernel does
-// not say.
+// The inode number of the first socket that serves the file; 0 when none does, -1 when the kernel
+// does not say.
 int64_t find_server_socket(int netlink, const std::string &path, const file_identity &file) {
     alignas(nlmsghdr) char answer[answer_size];
     int64_t found = 0;
@@ -101,8 +104,7 @@ int32_t get_socket_server_pid(const char *path, int /*flags*/) {
     struct stat file {};
     if (stat(path, &file) != 0 || !S_ISSOCK(file.st_mode))
         return -1;
-    const unique_fd netlink(
-        socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+    const unique_fd netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
     struct stat socket_file_system {};
     if (!netlink || fstat(netlink.get(), &socket_file_system) != 0 ||
         !request_sockets(netlink.get()))

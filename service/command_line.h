@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-// Stores the value of --directory, empty when it was not given. Returns the exit status when the process
-// is to end here: 0 after the usage text, 1 after an error.
+// Stores the value of --directory, empty when it was not given. Returns the exit status when the
+// process is to end here: 0 after the usage text, 1 after an error.
 std::optional<int> parse_command_line(int argc, const char *const *argv,
                                       std::string &watch_folder_dir);
 

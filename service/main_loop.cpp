@@ -40,7 +40,8 @@ void rescan_if_due(uint64_t now, uint64_t &rescan_at_us, const std::string &watc
         configuration = build_directory_configuration(watch_folder_dir);
 }
 
-// The next due time stays on the grid unless the check is so late that the next would follow at once.
+// The next due time stays on the grid unless the check is so late that the next would follow at
+// once.
 void check_or_sleep(uint64_t now) {
     if (next_check_us > now) {
         sleep(1);
@@ -65,7 +66,9 @@ void reload() {
 } // namespace
 
 // The additions are atomic because the handlers can interrupt one another.
-void on_hup_signal(int /*signal_number*/) { __atomic_add_fetch(&hup_count, 1, __ATOMIC_RELAXED); }
+void on_hup_signal(int /*signal_number*/) {
+    __atomic_add_fetch(&hup_count, 1, __ATOMIC_RELAXED);
+}
 
 void on_stop_signal(int /*signal_number*/) {
     if (__atomic_add_fetch(&stop_count, 1, __ATOMIC_RELAXED) > most_stop_signals)

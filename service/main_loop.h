@@ -26,8 +26,8 @@ void install_signal_handlers();
 // One due check: a watch pass when the main storage resolves.
 void run_check();
 
-// load_configuration for a service that no configuration file may end: an exception out of the parser
-// is one line with its text, "%s: %s", and a failure.
+// load_configuration for a service that no configuration file may end: an exception out of the
+// parser is one line with its text, "%s: %s", and a failure.
 [[nodiscard]] bool try_load_configuration();
 
 // Runs until a stop signal was counted. A directory selects directory mode, an empty text

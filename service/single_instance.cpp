@@ -31,4 +31,6 @@ bool write_pid_file() {
     return true;
 }
 
-void remove_pid_file() { unlink(pid_file_path.c_str()); }
+void remove_pid_file() {
+    unlink(pid_file_path.c_str());
+}

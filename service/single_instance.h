@@ -11,8 +11,8 @@ extern int instance_lock_fd;
 extern bool instance_lock_held;
 extern std::string pid_file_path;
 
-// Takes the lock on the service's own executable file. True only when another process holds it; a lock
-// that cannot be tried counts as free.
+// Takes the lock on the service's own executable file. True only when another process holds it; a
+// lock that cannot be tried counts as free.
 bool service_already_running();
 
 // False when the PID file cannot be opened for writing. What is written after that is not checked.

@@ -1,8 +1,8 @@
 // A stand-in for the Lyra command line parser, for builds on machines that have none installed.
 //
-// It holds the pieces that this project uses, under Lyra's names and with the behaviour and the texts
-// of Lyra 1.6: options with a value, flags, a help flag, parsing and the usage text. The sources that
-// include <lyra/lyra.hpp> are the same with either.
+// It holds the pieces that this project uses, under Lyra's names and with the behaviour and the
+// texts of Lyra 1.6: options with a value, flags, a help flag, parsing and the usage text. The
+// sources that include <lyra/lyra.hpp> are the same with either.
 #ifndef LYRA_LYRA_HPP
 #define LYRA_LYRA_HPP
 
@@ -148,7 +148,8 @@ private:
     }
 
     // One argument: a long option, or a dash and one or more short ones, the last with its value.
-    void parse_one(const std::vector<std::string> &arguments, outcome &at, std::vector<bool> &seen) {
+    void parse_one(const std::vector<std::string> &arguments, outcome &at,
+                   std::vector<bool> &seen) {
         const std::string &argument = arguments[at.next++];
         const std::string unrecognized = "Unrecognized token: " + argument;
         if (argument.size() < 2 || argument[0] != '-') {
@@ -209,8 +210,12 @@ private:
     std::vector<opt> options_;
 };
 
-inline cli operator|(cli parser, const opt &option) { return std::move(parser |= option); }
-inline cli operator|(cli parser, const help &option) { return std::move(parser |= option); }
+inline cli operator|(cli parser, const opt &option) {
+    return std::move(parser |= option);
+}
+inline cli operator|(cli parser, const help &option) {
+    return std::move(parser |= option);
+}
 
 // The usage text of a parser, with the program name of its last parse.
 inline std::ostream &operator<<(std::ostream &out, const cli &parser) {

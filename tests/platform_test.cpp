@@ -1,0 +1,369 @@
+#include "platform/metadata_v4.h"
+#include "platform/process_util.h"
+#include "platform/procfs.h"
+#include "tests/support.h"
+
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+namespace {
+
+using context_ptr = std::unique_ptr<metadata_v4_context, decltype(&metadata_v4_context_destroy)>;
+using list_ptr =
+    std::unique_ptr<metadata_v4_metadata_context, decltype(&metadata_v4_metadata_context_destroy)>;
+
+context_ptr new_context() {
+    return {metadata_v4_context_create(), metadata_v4_context_destroy};
+}
+list_ptr new_list() {
+    return {metadata_v4_metadata_context_create(), metadata_v4_metadata_context_destroy};
+}
+
+int load(const list_ptr &list, const context_ptr &context, int for_writing) {
+    return metadata_v4_metadata_context_load_metadata_from_file(list.get(), context.get(),
+                                                                for_writing, nullptr);
+}
+
+int save(const list_ptr &list, const context_ptr &context) {
+    return metadata_v4_metadata_context_write_metadata_to_file(list.get(), context.get(), 0,
+                                                               nullptr);
+}
+
+int add(const list_ptr &list, const char *name, const char *value) {
+    return metadata_v4_metadata_context_add_name_value_pair(list.get(), name, 0, value, 0, -1);
+}
+
+std::string shown(const char *text) {
+    return text == nullptr ? "-" : text;
+}
+
+// The entries as "name|value;", a missing text as "-".
+std::string entries_of(const list_ptr &list) {
+    std::string text;
+    for (uint64_t i = 0; i < list->entry_count; ++i) {
+        const auto *entry = metadata_v4_metadata_context_read_entry(list.get(), i);
+        text += shown(entry->name) + "|" + shown(entry->value) + ";";
+    }
+    return text;
+}
+
+// An item with an open context: file "item" and, where asked for, its metadata directory.
+struct item_fixture {
+    explicit item_fixture(bool with_metadir = true) {
+        write_file(tree / "item", "media");
+        if (with_metadir)
+            fs::create_directory(metadir);
+        metadata_v4_context_set_file_location(context.get(), (tree / "item").c_str());
+    }
+    temporary_tree tree;
+    fs::path metadir = tree / ".item.metadir";
+    fs::path file = metadir / "metadata";
+    context_ptr context = new_context();
+};
+
+// A child that runs a function and stays until it is destroyed.
+class child_process {
+public:
+    template<typename Start> explicit child_process(Start start) {
+        int ready[2];
+        EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
+        pid = fork();
+        if (pid == 0) {
+            start();
+            close(ready[1]);
+            close(ready[0]);
+            for (;;)
+                pause();
+        }
+        close(ready[1]);
+        char none = 0;
+        EXPECT_EQ(read(ready[0], &none, 1), 0); // the end of the pipe: start() has returned
+        close(ready[0]);
+    }
+    child_process(const child_process &) = delete;
+    child_process &operator=(const child_process &) = delete;
+    ~child_process() {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    pid_t pid;
+};
+
+} // namespace
+
+TEST(MetadataNames, MapBothWays) {
+    const std::string longest(246, 'n'); // 255 bytes with "." and ".metadir"
+    const struct {
+        const char *why;
+        std::string file;
+        std::string metadir; // empty: there is none
+    } rows[] = {
+        {"a plain name", "news.mxf", ".news.mxf.metadir"},
+        {"the directory part stays", "/mnt/x/news.mxf", "/mnt/x/.news.mxf.metadir"},
+        {"any bytes", "a b\n%s\xff", ".a b\n%s\xff.metadir"},
+        {"a name that looks mapped", ".a.metadir", "..a.metadir.metadir"},
+        {"three dots are a name", "...", ".....metadir"},
+        {"as long as a name can be", longest, "." + longest + ".metadir"},
+        {"one byte longer", longest + "n", ""},
+        {"no last component", "", ""},
+        {"a directory", "x/", ""},
+        {"dot", "x/.", ""},
+        {"dot dot", "..", ""},
+    };
+    for (const auto &row : rows) {
+        char buffer[512] = "";
+        const bool mapped =
+            metadata_v4_file_to_metadir(buffer, sizeof(buffer), row.file.c_str()) >= 0;
+        EXPECT_EQ(mapped ? buffer : "", row.metadir) << row.why;
+        if (row.metadir.empty())
+            continue;
+        EXPECT_LT(metadata_v4_file_to_metadir(buffer, row.metadir.size(), row.file.c_str()), 0)
+            << row.why << ": no room for the NUL";
+        EXPECT_EQ(metadata_v4_context_is_metadata_name(row.metadir.c_str()), 1) << row.why;
+        EXPECT_GE(metadata_v4_metadir_to_file(buffer, row.file.size() + 1, row.metadir.c_str()), 0);
+        EXPECT_EQ(buffer, row.file) << row.why;
+    }
+    for (const char *name :
+         {"news.mxf", ".metadir", "..metadir", "...metadir", ".x.metadi", "x/"}) {
+        char buffer[64];
+        EXPECT_LT(metadata_v4_metadir_to_file(buffer, sizeof(buffer), name), 0) << name;
+        EXPECT_EQ(metadata_v4_context_is_metadata_name(name), 0) << name;
+    }
+}
+
+TEST(MetadataFile, ReadsAnyBytesAndWritesThemBack) {
+    const struct {
+        const char *why;
+        std::string text;
+        std::string entries;
+        std::string with_added; // after adding the entry k\=\\ = v\n
+    } rows[] = {
+        {"nothing", "", "", ""},
+        {"order and duplicates", "b=1\na=2\nb=3\n", "b|1;a|2;b|3;", "b=1\na=2\nb=3\n"},
+        {"escapes", "a\\=b\\\\=c\\n\\\\d=\\=\n", "a=b\\|c\n\\d=\\=;", "a\\=b\\\\=c\\n\\\\d=\\=\n"},
+        {"unknown escapes stand for themselves", "a\\x=\\t\\", "a\\x|\\t\\;", "a\\x=\\t\\\n"},
+        {"half an entry", "name\n=value\n=\n", "name|-;-|value;-|;", "name\n=value\n=\n"},
+        {"empty lines and a lost newline", "\n\na=1\n\nb=2", "a|1;b|2;", "\n\na=1\n\nb=2\n"},
+        {"NUL bytes", std::string("a=\0\nb=1\n", 8), "-|-;b|1;", std::string("a=\0\nb=1\n", 8)},
+        {"carriage returns and high bytes", "\xff=\r\n", "\xff|\r;", "\xff=\r\n"},
+    };
+    for (const auto &row : rows) {
+        item_fixture item;
+        write_file(item.file, row.text);
+        ASSERT_EQ(metadata_v4_context_open_file_handles(item.context.get()), 0);
+        const auto list = new_list();
+        ASSERT_EQ(load(list, item.context, 0), 0) << row.why;
+        EXPECT_EQ(entries_of(list), row.entries) << row.why;
+        EXPECT_LT(save(list, item.context), 0) << "a list that was only read is not bound";
+        ASSERT_EQ(load(list, item.context, 1), 0);
+        ASSERT_EQ(save(list, item.context), 0);
+        EXPECT_EQ(read_file(item.file), row.text) << row.why;
+        ASSERT_EQ(add(list, "k=\\", "v\n="), 0);
+        ASSERT_EQ(save(list, item.context), 0);
+        EXPECT_EQ(read_file(item.file), row.with_added + "k\\=\\\\=v\\n=\n") << row.why;
+        ASSERT_EQ(load(list, item.context, 0), 0);
+        EXPECT_EQ(entries_of(list), row.entries + "k=\\|v\n=;") << row.why;
+    }
+}
+
+TEST(MetadataFile, AChangeLeavesTheOtherLinesAlone) {
+    item_fixture item;
+    write_file(item.file, "a\\q=1\n\nkey=old\n\n=x\nlast");
+    chmod(item.file.c_str(), 0640);
+    ASSERT_EQ(metadata_v4_context_open_file_handles(item.context.get()), 0);
+    const auto list = new_list();
+    ASSERT_EQ(load(list, item.context, 1), 0);
+    auto *entry = metadata_v4_metadata_context_read_entry(list.get(), 1);
+    ASSERT_EQ(metadata_v4_metadata_context_set_name_value_pair(list.get(), entry, "key", 0,
+                                                               "new and longer", 0, -1),
+              0);
+    write_file(item.metadir / ".metadata.new", "left by a crash");
+    ASSERT_EQ(save(list, item.context), 0);
+    EXPECT_EQ(tree_of(item.metadir), "metadata=a\\q=1\n\nkey=new and longer\n\n=x\nlast\n");
+    EXPECT_EQ(fs::status(item.file).permissions(), fs::perms(0640));
+}
+
+TEST(MetadataFile, PlantedThingsAreNeitherFollowedNorWaitedForNorOverwritten) {
+    const struct {
+        const char *why;
+        void (*plant)(const fs::path &file, const fs::path &outside);
+    } rows[] = {
+        {"link", [](const fs::path &file, const fs::path &out) { fs::create_symlink(out, file); }},
+        {"FIFO", [](const fs::path &file, const fs::path &) { mkfifo(file.c_str(), 0600); }},
+        {"directory", [](const fs::path &file, const fs::path &) { fs::create_directory(file); }},
+        {"too large",
+         [](const fs::path &file, const fs::path &) {
+             write_file(file, "");
+             fs::resize_file(file, (8U << 20) + 1);
+         }},
+    };
+    for (const auto &row : rows) {
+        item_fixture item;
+        write_file(item.tree / "outside", "a=b\n");
+        row.plant(item.file, item.tree / "outside");
+        ASSERT_EQ(metadata_v4_context_open_file_handles(item.context.get()), 0);
+        const auto list = new_list();
+        for (const int for_writing : {0, 1}) {
+            EXPECT_LT(load(list, item.context, for_writing), 0) << row.why;
+            EXPECT_EQ(list->entry_count, 0U) << row.why;
+            EXPECT_LT(list->descriptor, 0) << row.why;
+        }
+        EXPECT_LT(save(list, item.context), 0) << row.why;
+        // The temporary file's name may be taken by anything as well.
+        fs::remove_all(item.file);
+        row.plant(item.metadir / ".metadata.new", item.tree / "outside");
+        ASSERT_EQ(load(list, item.context, 1), 0);
+        ASSERT_EQ(add(list, "k", "v"), 0);
+        EXPECT_EQ(save(list, item.context), 0) << row.why;
+        EXPECT_EQ(read_file(item.file), "k=v\n") << row.why;
+        EXPECT_EQ(read_file(item.tree / "outside"), "a=b\n") << row.why;
+    }
+}
+
+TEST(MetadataContext, OpensAndMakesOnlyWhatItShould) {
+    const size_t before = open_descriptors();
+    {
+        item_fixture item(false);
+        auto *context = item.context.get();
+        EXPECT_LT(metadata_v4_context_open_file_handles(context), 0) << "no metadata directory";
+        context->flags |= METADATA_V4_CREATE_METADIR;
+        fs::remove(item.tree / "item");
+        EXPECT_LT(metadata_v4_context_open_file_handles(context), 0) << "no media file";
+        EXPECT_EQ(tree_of(item.tree.root), "");
+        write_file(item.tree / "item", "media");
+        fs::create_directory_symlink("/tmp", item.metadir);
+        EXPECT_LT(metadata_v4_context_open_file_handles(context), 0) << "a planted link";
+        fs::remove(item.metadir);
+        EXPECT_EQ(metadata_v4_context_open_file_handles(context), 0);
+        const auto list = new_list();
+        EXPECT_LT(load(list, item.context, 0), 0) << "no metadata file yet";
+        EXPECT_EQ(load(list, item.context, 1), 0);
+        EXPECT_GE(list->descriptor, 0);
+    }
+    EXPECT_EQ(open_descriptors(), before);
+
+    const auto context = new_context();
+    const struct {
+        const char *path, *directory, *name;
+    } rows[] = {{"/a/b", "/a", "b"}, {"/b", "/", "b"}, {"b", ".", "b"},   {"a//b", "a/", "b"},
+                {"", "-", "-"},      {"a/", "-", "-"}, {"a/..", "-", "-"}};
+    for (const auto &row : rows) {
+        const int result = metadata_v4_context_set_file_location(context.get(), row.path);
+        EXPECT_EQ(result == 0, *row.name != '-') << row.path;
+        EXPECT_EQ(shown(context->dir_path), row.directory) << row.path;
+        EXPECT_EQ(shown(context->file_name), row.name) << row.path;
+    }
+}
+
+TEST(PathInUse, ComparesTheFileAndNotItsName) {
+    temporary_tree tree;
+    write_file(tree / "file", "x");
+    fs::create_hard_link(tree / "file", tree / "hard");
+    fs::create_symlink(tree / "file", tree / "soft");
+    write_file(tree / "other", "x");
+    const auto in_use = [&](const char *name) {
+        return procfs_path_in_use((tree / name).c_str(), nullptr, 0, 0);
+    };
+    const unique_fd own(open((tree / "file").c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(in_use("file"), 0) << "the service's own descriptor";
+    EXPECT_EQ(in_use("missing"), 0);
+    {
+        const child_process holder([] {}); // inherits the descriptor
+        for (const char *name : {"file", "hard", "soft"})
+            EXPECT_EQ(in_use(name), 1) << name;
+        EXPECT_EQ(in_use("other"), 0);
+        procfs_path_in_use_info info{};
+        EXPECT_EQ(procfs_path_in_use((tree / "file").c_str(), &info, 1, 0), 1);
+        EXPECT_EQ(info.pid, holder.pid);
+    }
+    EXPECT_EQ(in_use("file"), 0);
+}
+
+TEST(SocketServer, IsFoundByTheBoundFile) {
+    const struct {
+        const char *why;
+        int type;
+        bool listens;
+        bool expected;
+    } rows[] = {{"stream", SOCK_STREAM, true, true},
+                {"seqpacket", SOCK_SEQPACKET, true, true},
+                {"datagram", SOCK_DGRAM, false, true},
+                {"bound only", SOCK_STREAM, false, false}};
+    for (const auto &row : rows) {
+        temporary_tree tree;
+        const std::string path = tree / "renamed";
+        {
+            const child_process server([&] {
+                const int fd = socket(AF_UNIX, row.type | SOCK_CLOEXEC, 0);
+                sockaddr_un address{AF_UNIX, "relative"};
+                ASSERT_EQ(chdir(tree.root.c_str()), 0);
+                ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+                ASSERT_TRUE(!row.listens || listen(fd, 1) == 0);
+                fs::rename("relative", "renamed");
+                ASSERT_EQ(chdir("/"), 0);
+            });
+            EXPECT_EQ(get_socket_server_pid(path.c_str(), 1), row.expected ? server.pid : -1)
+                << row.why;
+        }
+        EXPECT_TRUE(fs::is_socket(path));
+        EXPECT_EQ(get_socket_server_pid(path.c_str(), 1), -1) << row.why << ": the server is gone";
+    }
+}
+
+TEST(SocketServer, AnAcceptedConnectionServesNothing) {
+    temporary_tree tree;
+    const std::string path = tree / "socket";
+    sockaddr_un address{AF_UNIX, ""};
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    unique_fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener.get(), 1), 0);
+    const unique_fd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(connect(client.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    const unique_fd accepted(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    {
+        const child_process holder([] {});
+        EXPECT_EQ(get_socket_server_pid(path.c_str(), 1), holder.pid);
+    }
+    const child_process only_connection([&] { listener.reset(); });
+    listener.reset();
+    EXPECT_EQ(get_socket_server_pid(path.c_str(), 1), -1);
+}
+
+TEST(ProcessUtil, UnblocksTheCommonSignalsAndListsDescriptors) {
+    sigset_t all, now;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, nullptr);
+    util_check_and_unmask_common_signals();
+    sigprocmask(SIG_SETMASK, nullptr, &now);
+    for (const int number : {SIGHUP, SIGINT, SIGTERM, SIGQUIT})
+        EXPECT_EQ(sigismember(&now, number), 0) << number;
+    EXPECT_EQ(sigismember(&now, SIGUSR1), 1);
+    sigemptyset(&all);
+    sigprocmask(SIG_SETMASK, &all, nullptr);
+    raise(SIGPIPE); // ignored, or this ends here
+
+    temporary_tree tree;
+    write_file(tree / "held", "");
+    const unique_fd held(open((tree / "held").c_str(), O_RDONLY | O_CLOEXEC));
+    char *text = nullptr;
+    size_t size = 0;
+    unique_file stream(open_memstream(&text, &size));
+    const size_t count = open_descriptors() - 1; // less the one that counting takes
+    fd_debug_dump_open_files(stream.get());
+    stream.reset();
+    const std::string lines(text, size);
+    free(text);
+    EXPECT_NE(
+        lines.find("fd " + std::to_string(held.get()) + ": " + (tree / "held").string() + "\n"),
+        std::string::npos)
+        << lines;
+    EXPECT_EQ(static_cast<size_t>(std::count(lines.begin(), lines.end(), '\n')), count);
+}

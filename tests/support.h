@@ -1,0 +1,92 @@
+// What the tests share: a temporary tree, its picture as text, and what was written to standard
+// error.
+#ifndef TESTS_SUPPORT_H
+#define TESTS_SUPPORT_H
+
+#include "compat/handles.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <sys/mman.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+inline std::string read_file(const fs::path &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Makes the folders that lead to the file.
+inline void write_file(const fs::path &path, const std::string &text) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+// Every item below a folder, sorted, one a line: "name/" or "name=content". A link shows its text.
+inline std::string tree_of(const fs::path &root) {
+    std::vector<std::string> lines;
+    for (const auto &item : fs::recursive_directory_iterator(root)) {
+        const std::string name = item.path().lexically_relative(root).string();
+        if (item.is_symlink())
+            lines.push_back(name + " -> " + fs::read_symlink(item.path()).string());
+        else if (item.is_directory())
+            lines.push_back(name + "/");
+        else
+            lines.push_back(name + "=" + (item.is_regular_file() ? read_file(item.path()) : "?"));
+    }
+    std::sort(lines.begin(), lines.end());
+    std::string text;
+    for (const std::string &line : lines)
+        text += line + "\n";
+    return text;
+}
+
+inline size_t open_descriptors() {
+    const fs::directory_iterator all("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+// A new folder, removed with all that is in it.
+class temporary_tree {
+public:
+    temporary_tree() {
+        std::string name = (fs::temp_directory_path() / "watch-folder-test-XXXXXX").string();
+        root = mkdtemp(name.data());
+    }
+    temporary_tree(const temporary_tree &) = delete;
+    temporary_tree &operator=(const temporary_tree &) = delete;
+    ~temporary_tree() { fs::remove_all(root); }
+
+    fs::path operator/(const std::string &name) const { return root / name; }
+
+    fs::path root;
+};
+
+// Takes what goes to a descriptor, standard error by default, until it is destroyed.
+class captured_output {
+public:
+    explicit captured_output(int fd = STDERR_FILENO)
+        : fd_(fd), saved_(dup(fd)), memory_(memfd_create("captured", MFD_CLOEXEC)) {
+        fflush(nullptr);
+        dup2(memory_.get(), fd_);
+    }
+    captured_output(const captured_output &) = delete;
+    captured_output &operator=(const captured_output &) = delete;
+    ~captured_output() { dup2(saved_.get(), fd_); }
+
+    std::string text() const {
+        fflush(nullptr);
+        return read_file("/proc/self/fd/" + std::to_string(memory_.get()));
+    }
+
+private:
+    int fd_;
+    unique_fd saved_;
+    unique_fd memory_;
+};
+
+#endif
