@@ -11,7 +11,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 namespace {
 
@@ -66,34 +65,6 @@ struct item_fixture {
     fs::path metadir = tree / ".item.metadir";
     fs::path file = metadir / "metadata";
     context_ptr context = new_context();
-};
-
-// A child that runs a function and stays until it is destroyed.
-class child_process {
-public:
-    template<typename Start> explicit child_process(Start start) {
-        int ready[2];
-        EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
-        pid = fork();
-        if (pid == 0) {
-            start();
-            close(ready[1]);
-            close(ready[0]);
-            for (;;)
-                pause();
-        }
-        close(ready[1]);
-        char none = 0;
-        EXPECT_EQ(read(ready[0], &none, 1), 0); // the end of the pipe: start() has returned
-        close(ready[0]);
-    }
-    child_process(const child_process &) = delete;
-    child_process &operator=(const child_process &) = delete;
-    ~child_process() {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-    pid_t pid;
 };
 
 } // namespace

@@ -6,11 +6,15 @@
 #include "compat/handles.h"
 
 #include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -53,8 +57,8 @@ inline size_t open_descriptors() {
 // A new folder, removed with all that is in it.
 class temporary_tree {
 public:
-    temporary_tree() {
-        std::string name = (fs::temp_directory_path() / "watch-folder-test-XXXXXX").string();
+    explicit temporary_tree(const fs::path &where = fs::temp_directory_path()) {
+        std::string name = (where / "watch-folder-test-XXXXXX").string();
         root = mkdtemp(name.data());
     }
     temporary_tree(const temporary_tree &) = delete;
@@ -87,6 +91,36 @@ private:
     int fd_;
     unique_fd saved_;
     unique_fd memory_;
+};
+
+// A child that runs a function and stays until it is destroyed.
+class child_process {
+public:
+    template<typename Start> explicit child_process(Start start) {
+        int ready[2];
+        if (pipe2(ready, O_CLOEXEC) != 0)
+            abort();
+        pid = fork();
+        if (pid == 0) {
+            start();
+            close(ready[1]);
+            close(ready[0]);
+            for (;;)
+                pause();
+        }
+        close(ready[1]);
+        char none = 0;
+        while (read(ready[0], &none, 1) < 0) {
+        } // the end of the pipe: start() has returned
+        close(ready[0]);
+    }
+    child_process(const child_process &) = delete;
+    child_process &operator=(const child_process &) = delete;
+    ~child_process() {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    pid_t pid;
 };
 
 #endif
