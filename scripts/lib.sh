@@ -27,9 +27,13 @@ check_packages=(clang-format clang-tidy clang)
 # Configures and builds a build folder; the rest of the arguments go to the configuration. A folder that
 # was configured with another generator keeps it.
 build_in() {
-  local folder=$1 generator=(-G Ninja)
+  local folder=$1 generator=(-G Ninja) log=$1/build.log
   shift
   [ -f "$folder/CMakeCache.txt" ] && generator=()
-  cmake -S . -B "$folder" "${generator[@]}" "$@" >"$folder.log" 2>&1 || { cat "$folder.log"; return 1; }
-  cmake --build "$folder" -j "$(nproc)" >>"$folder.log" 2>&1 || { cat "$folder.log"; return 1; }
+  mkdir -p "$folder"
+  if ! { cmake -S . -B "$folder" "${generator[@]}" "$@" &&
+    cmake --build "$folder" -j "$(nproc)"; } >"$log" 2>&1; then
+    cat "$log"
+    return 1
+  fi
 }
