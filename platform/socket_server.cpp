@@ -63,7 +63,7 @@ bool is_bound_to(const nlmsghdr *message, const std::string &path, const file_id
     }
     if (name.empty() || name[0] == '\0')
         return false;    // not bound to a file
-    name = name.c_str(); // may come with the NUL that ends it
+    name.resize(strlen(name.c_str())); // it may come with the NUL that ends it
     // The kernel's own device number has 20 bits of minor, and of the inode number this is the low
     // half.
     const bool same_inode = bound.udiag_vfs_ino == static_cast<uint32_t>(file.inode);

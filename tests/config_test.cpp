@@ -175,8 +175,7 @@ TEST(DirectoryDiscovery, EveryItemIsAnEntryAndNoFailureLeaves) {
     }
     EXPECT_TRUE(targets == "//Play/file;//Play/.hidden;" ||
                 targets == "//Play/.hidden;//Play/file;");
-    EXPECT_EQ(tree_of(root),
-              "Play/\nUpload/\nUpload/.hidden/\nUpload/.hidden/x=x\nUpload/file=x\n");
+    EXPECT_EQ(tree_of(root), "Play/\nUpload/.hidden/x=x\nUpload/file=x\n");
     EXPECT_EQ(lines.text(), "Warning: cannot list '" + root +
                                 "/Upload/', No such file or directory\n"
                                 "Warning: cannot create '" +

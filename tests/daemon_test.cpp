@@ -276,7 +276,6 @@ TEST_F(Daemon, WorksOnAFolderTree) {
         << daemon.error;
     EXPECT_EQ(log_records(pid), std::string(starting) + stopping);
     EXPECT_EQ(read_file(pid_path), "stale");
-    EXPECT_EQ(tree_of("/mnt/main"), "Play/\nPlay/.A.metadir/\nPlay/.A.metadir/metadata="
-                                    "original filename=one\n\nPlay/A=1\nPlay/ARCHIVE/\nUpload/\n"
-                                    "Upload/A/\nUpload/B/\nUpload/B/two=2\n");
+    EXPECT_EQ(tree_of("/mnt/main"), "Play/.A.metadir/metadata=original filename=one\n\nPlay/A=1\n"
+                                    "Play/ARCHIVE/\nUpload/A/\nUpload/B/two=2\n");
 }

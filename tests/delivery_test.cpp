@@ -47,140 +47,56 @@ std::string deliver(const fs::path &watch, const fs::path &target_file, const st
     return printed;
 }
 
-std::string found(const std::string &name, const std::string &target) {
-    return "Checking found file '" + name + "' to replace 'play/" + target + "'\n";
+constexpr char archived[] = "Existing file moved into ARCHIVE directory.\n";
+
+// A line of the case file with what its escapes stand for.
+std::string unescaped(const std::string &line) {
+    const std::pair<std::string, std::string> escapes[] = {{"\\n", "\n"},
+                                                           {"\\\\", "\\"},
+                                                           {"\\xff", "\xff"},
+                                                           {"@S", suffix},
+                                                           {"@L", std::string(250, 'o')}};
+    std::string text;
+    for (size_t at = 0; at < line.size();) {
+        const auto *escape = std::find_if(std::begin(escapes), std::end(escapes), [&](auto &known) {
+            return line.compare(at, known.first.size(), known.first) == 0;
+        });
+        const bool known = escape != std::end(escapes);
+        text += known ? escape->second : std::string(1, line[at]);
+        at += known ? escape->first.size() : 1;
+    }
+    return text;
 }
 
-constexpr char no_metadata[] = "Target meta load fail from old file\nOriginal filename: ''\n";
-constexpr char archived[] = "Existing file moved into ARCHIVE directory.\n";
+// Lays out, delivers and compares one paragraph of the case file.
+void run_case(std::istream &file, const std::string &why) {
+    const temporary_tree tree;
+    fs::create_directories(tree / "play");
+    std::string name, target, lines, after;
+    for (std::string line; std::getline(file, line) && !line.empty();) {
+        const std::string text = unescaped(line.substr(2));
+        if (line[0] == '+')
+            write_file(tree / text.substr(0, text.find('=')), text.substr(text.find('=') + 1));
+        else if (line[0] == '>')
+            name = text.substr(0, text.rfind(' ')), target = text.substr(text.rfind(' ') + 1);
+        else
+            (line[0] == '|' ? lines : after) += text + "\n";
+    }
+    EXPECT_EQ(deliver(tree / "watch", tree / "play/" / target, name), lines) << why;
+    EXPECT_EQ(tree_of(tree.root), after) << why;
+}
 
 } // namespace
 
 TEST(DeliverFile, MovesArchivesAndRecords) {
-    const std::string longest(250, 'o'), odd = "a b\n%s\xff\\=";
-    const std::string key = "original filename=";
-    const struct {
-        const char *why;
-        std::vector<std::pair<std::string, std::string>> files;
-        std::string name, target, lines, tree;
-    } rows[] = {
-        {"a first delivery",
-         {{"watch/n", "new"}},
-         "n",
-         "t",
-         found("n", "t") + no_metadata + archived + "already=0\n",
-         "play/\nplay/.t.metadir/\nplay/.t.metadir/metadata=" + key +
-             "n\n\nplay/ARCHIVE/\nplay/t=new\nwatch/\n"},
-        {"a replacement under the recorded name, metadata both ways",
-         {{"play/t", "old"},
-          {"play/.t.metadir/metadata", key + "m\n"},
-          {"play/.t.metadir/x", "1"},
-          {"watch/n", "new"},
-          {"watch/.n.metadir/metadata", "a=b\n" + key + "z\n"}},
-         "n",
-         "t",
-         found("n", "t") + "metadata 'original filename'='m'\nOriginal filename: 'm'\n" + archived +
-             "metadata 'a'='b'\nmetadata 'original filename'='z'\nalready=1\n",
-         "play/\nplay/.t.metadir/\nplay/.t.metadir/metadata=a=b\n" + key +
-             "n\n\nplay/ARCHIVE/\nplay/ARCHIVE/.m.metadir/\nplay/ARCHIVE/.m.metadir/metadata=" +
-             key + "m\n\nplay/ARCHIVE/.m.metadir/x=1\nplay/ARCHIVE/m=old\nplay/t=new\nwatch/\n"},
-        {"the recorded name is taken, the last of two counts",
-         {{"play/t", "old"},
-          {"play/.t.metadir/metadata", key + "x\n" + key + "m\n"},
-          {"play/ARCHIVE/m", "older"},
-          {"watch/n", "new"}},
-         "n",
-         "t",
-         found("n", "t") + "metadata 'original filename'='x'\nmetadata 'original filename'='m'\n" +
-             "Original filename: 'm'\n" + archived + "already=0\n",
-         "play/\nplay/.t.metadir/\nplay/.t.metadir/metadata=" + key + "n\n\nplay/ARCHIVE/\n" +
-             "play/ARCHIVE/.m" + suffix + ".metadir/\nplay/ARCHIVE/.m" + suffix +
-             ".metadir/metadata=" + key + "x\n" + key + "m\n\nplay/ARCHIVE/m" + suffix +
-             "=old\nplay/ARCHIVE/m=older\nplay/t=new\nwatch/\n"},
-        {"a slash in the recorded name; a name of any bytes",
-         {{"play/t", "old"}, {"play/.t.metadir/metadata", key + "../m\n"}, {"watch/" + odd, "new"}},
-         odd,
-         "t",
-         found(odd, "t") + "metadata 'original filename'='../m'\nForward slash in original name, " +
-             "rejecting.\nOriginal filename: ''\n" + archived + "already=0\n",
-         "play/\nplay/.t.metadir/\nplay/.t.metadir/metadata=" + key +
-             "a b\\n%s\xff\\\\=\n\nplay/ARCHIVE/\nplay/ARCHIVE/.t" + suffix +
-             ".metadir/\nplay/ARCHIVE/.t" + suffix + ".metadir/metadata=" + key +
-             "../m\n\nplay/ARCHIVE/t" + suffix + "=old\nplay/t=new\nwatch/\n"},
-        {"no recorded name, and the recorded name that is a directory",
-         {{"play/t", "old"}, {"play/.t.metadir/metadata", key + "..\n"}, {"watch/n", "new"}},
-         "n",
-         "t",
-         found("n", "t") + "metadata 'original filename'='..'\nOriginal filename: '..'\n" +
-             archived + "already=0\n",
-         "play/\nplay/.t.metadir/\nplay/.t.metadir/metadata=" + key + "n\n\nplay/ARCHIVE/\n" +
-             "play/ARCHIVE/.. " + (suffix + 1) + "=old\nplay/ARCHIVE/... " + (suffix + 1) +
-             ".metadir/\nplay/ARCHIVE/... " + (suffix + 1) + ".metadir/metadata=" + key +
-             "..\n\nplay/t=new\nwatch/\n"},
-        {"ARCHIVE is no directory",
-         {{"play/ARCHIVE", "x"}, {"play/t", "old"}, {"watch/n", "new"}},
-         "n",
-         "t",
-         found("n", "t") + "Cannot access ARCHIVE directory, Not a directory\n",
-         "play/\nplay/ARCHIVE=x\nplay/t=old\nwatch/\nwatch/n=new\n"},
-        {"metadata that cannot be archived keeps the new file back",
-         {{"play/t", "old"},
-          {"play/.t.metadir/metadata", key + "m\n"},
-          {"play/ARCHIVE/.m.metadir/x", "1"},
-          {"watch/n", "new"}},
-         "n",
-         "t",
-         found("n", "t") + "metadata 'original filename'='m'\nOriginal filename: 'm'\n" +
-             "Cannot move ARCHIVE file metadata into directory, Directory not empty\n" + archived,
-         "play/\nplay/.t.metadir/\nplay/.t.metadir/metadata=" + key + "m\n\nplay/ARCHIVE/\n" +
-             "play/ARCHIVE/.m.metadir/\nplay/ARCHIVE/.m.metadir/x=1\nplay/ARCHIVE/m=old\n" +
-             "watch/\nwatch/n=new\n"},
-        {"an archive name too long for a metadata directory",
-         {{"play/t", "old"},
-          {"play/.t.metadir/metadata", key + longest},
-          {"watch/n", "new"},
-          {"watch/.n.metadir/y", "2"}},
-         "n",
-         "t",
-         found("n", "t") + "metadata 'original filename'='" + longest + "'\nOriginal filename: '" +
-             longest + "'\n" + archived +
-             "Cannot move NEW file metadata into directory, Directory not empty\n" +
-             "metadata 'original filename'='" + longest + "'\nalready=1\n",
-         "play/\nplay/.t.metadir/\nplay/.t.metadir/metadata=" + key + "n\n\nplay/ARCHIVE/\n" +
-             "play/ARCHIVE/" + longest + "=old\nplay/t=new\nwatch/\nwatch/.n.metadir/\n" +
-             "watch/.n.metadir/y=2\n"},
-        {"a name too long for an archive suffix",
-         {{"play/" + longest, "old"}, {"watch/n", "new"}},
-         "n",
-         longest,
-         found("n", longest) + no_metadata +
-             "Cannot move ARCHIVE file into directory, File name too long\n" + archived,
-         "play/\nplay/ARCHIVE/\nplay/" + longest + "=old\nwatch/\nwatch/n=new\n"},
-        {"the new file has vanished",
-         {{"play/t", "old"}, {"watch/other", "new"}},
-         "n",
-         "t",
-         found("n", "t") + no_metadata + archived +
-             "Metadir fail\nTarget meta load fail\nalready=0\nTarget meta save fail\n",
-         "play/\nplay/ARCHIVE/\nplay/ARCHIVE/t" + std::string(suffix) +
-             "=old\nwatch/\nwatch/other=new\n"},
-        {"the item in place is running",
-         {{"play/t", "old"}, {"play/.t.metadir/.media.item.active.socket", ""}, {"watch/n", "new"}},
-         "n",
-         "t",
-         "File 'play/t' is running, not acting\n",
-         "play/\nplay/.t.metadir/\nplay/.t.metadir/.media.item.active.socket=\nplay/t=old\n"
-         "watch/\nwatch/n=new\n"},
-    };
-    for (const auto &row : rows) {
-        const temporary_tree tree;
-        fs::create_directories(tree / "play");
-        for (const auto &[path, content] : row.files)
-            write_file(tree / path, content);
-        EXPECT_EQ(deliver(tree / "watch", tree / "play/" / row.target, row.name), row.lines)
-            << row.why;
-        EXPECT_EQ(tree_of(tree.root), row.tree) << row.why;
-    }
+    std::ifstream file(DELIVERIES);
+    std::string line;
+    while (std::getline(file, line) && !line.empty()) {
+    } // what the marks mean
+    int cases = 0;
+    for (; std::getline(file, line); ++cases)
+        run_case(file, line);
+    EXPECT_GE(cases, 12);
 }
 
 TEST(DeliverFile, RefusesAFileInUse) {
@@ -214,9 +130,8 @@ TEST(DeliverFile, DoesNotCopyAcrossFileSystems) {
               std::string(archived) +
                   "Cannot move NEW file into directory, Invalid cross-device link\n"
                   "Cannot move NEW file metadata into directory, Invalid cross-device link\n");
-    EXPECT_EQ(tree_of(other.root), "watch/\nwatch/n=new\n");
-    EXPECT_EQ(tree_of(tree.root),
-              std::string("play/\nplay/ARCHIVE/\nplay/ARCHIVE/t") + suffix + "=old\n");
+    EXPECT_EQ(tree_of(other.root), "watch/n=new\n");
+    EXPECT_EQ(tree_of(tree.root), std::string("play/ARCHIVE/t") + suffix + "=old\n");
 }
 
 TEST(ItemRunning, OnlyARegularFileOrALinkToAServedSocketCounts) {

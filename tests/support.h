@@ -30,7 +30,8 @@ inline void write_file(const fs::path &path, const std::string &text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
-// Every item below a folder, sorted, one a line: "name/" or "name=content". A link shows its text.
+// Every file below a folder, sorted, one a line: "name=content", a link "name -> text"; of the
+// folders the empty ones, "name/".
 inline std::string tree_of(const fs::path &root) {
     std::vector<std::string> lines;
     for (const auto &item : fs::recursive_directory_iterator(root)) {
@@ -38,7 +39,7 @@ inline std::string tree_of(const fs::path &root) {
         if (item.is_symlink())
             lines.push_back(name + " -> " + fs::read_symlink(item.path()).string());
         else if (item.is_directory())
-            lines.push_back(name + "/");
+            fs::is_empty(item) ? lines.push_back(name + "/") : void();
         else
             lines.push_back(name + "=" + (item.is_regular_file() ? read_file(item.path()) : "?"));
     }
