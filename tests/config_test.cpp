@@ -9,33 +9,13 @@
 
 namespace {
 
-// Loads a configuration of that text. The lines it prints come back with the path as "PATH".
-std::string load_text(const std::string &text, bool &loaded) {
-    const temporary_tree tree;
-    configuration_path = tree / "c.toml";
-    write_file(configuration_path, text);
-    configuration.clear();
-    const captured_output lines;
-    loaded = load_configuration();
-    std::string printed = lines.text();
-    if (const size_t at = printed.find(configuration_path); at != std::string::npos)
-        printed.replace(at, configuration_path.size(), "PATH");
-    return printed;
+// An entry as the case file writes it.
+std::string shown(const WatchEntry &entry) {
+    std::string text = entry.name + ": " + entry.watch_path + " > " + entry.target_file;
+    for (const RegexState &state : entry.patterns)
+        text += " " + state.pattern;
+    return text + "\n";
 }
-
-// The registry as "name:watch>target(pattern,...);".
-std::string shown(const watch_registry &registry) {
-    std::string text;
-    for (const auto &[key, entry] : registry) {
-        text += key + ":" + entry.watch_path + ">" + entry.target_file + "(";
-        for (const RegexState &state : entry.patterns)
-            text += state.pattern + ",";
-        text += ");";
-    }
-    return text;
-}
-
-constexpr char paths[] = "\"watch path\"='w'\n\"target file\"='t'\n";
 
 } // namespace
 
@@ -59,66 +39,28 @@ TEST(RegexState, MatchesAnywhereInAnyCaseOnBytes) {
 }
 
 TEST(ConfigurationLoad, TurnsEventTablesIntoEntries) {
-    const std::string invalid = "Warning: Invalid section 'event'\nEntry 'event'\n";
-    const struct {
-        const char *why;
-        std::string text, lines, entries;
-    } rows[] = {
-        {"nothing", "", "", ""},
-        {"a pattern, and an unknown key",
-         std::string("[event]\nx=1\n\"match pattern\"='a'\n") + paths, "Added section 'event'\n",
-         "event:w>t(a,);"},
-        {"patterns in order", std::string("[events]\n\"match pattern\"=['b','a','']\n") + paths,
-         "Added section 'events'\n", "events:w>t(b,a,,);"},
-        {"no pattern, dotted tables", std::string("[event]\n") + paths + "[event.sub]\n" + paths,
-         "Added section 'event'\n", "event:w>t();"},
-        {"an array: the index counts every table", std::string("[[event]]\n[[event]]\n") + paths,
-         "table array\nWarning: Invalid section 'eventarrayitem0'\nEntry 'eventarrayitem0'\n"
-         "  Watch:      ''\n  Target:     ''\nAdded section 'eventarrayitem1'\n",
-         "eventarrayitem1:w>t();"},
-        {"passed over", std::string("event5=1\n[Event1]\n") + paths + "[[eventlist]]\n" + paths, "",
-         ""},
-        {"a number is no path", "[event]\n\"watch path\"=5\n\"target file\"=['t']\n",
-         invalid + "  Watch:      ''\n  Target:     ''\n", ""},
-        {"a pattern that does not compile",
-         std::string("[event]\n\"match pattern\"=['a','(']\n") + paths,
-         invalid + "  Watch:      'w'\n  Target:     't'\n  Match pattern:\n"
-                   "    Pattern:       'a'\n    Ready:         Yes \n  Match pattern:\n"
-                   "    Pattern:       '('\n    Ready:         No Unable to compile regex. "
-                   "Error=missing ) at char 1\n",
-         ""},
-        {"brackets in strings do not nest",
-         "# " + std::string(200, '[') + "\n[event]\nx='''" + std::string(150, '[') + "'''\n" +
-             paths,
-         "Added section 'event'\n", "event:w>t();"},
-    };
-    for (const auto &row : rows) {
-        bool loaded = false;
-        const std::string lines = load_text(row.text, loaded);
-        EXPECT_TRUE(loaded) << row.why << lines;
-        EXPECT_EQ(lines, row.lines) << row.why;
-        EXPECT_EQ(shown(configuration), row.entries) << row.why;
+    const std::vector<std::pair<std::string, std::string>> escapes = {
+        {"@P", "\"watch path\" = 'w'\n\"target file\" = 't'"},
+        {"@[", std::string(150, '[')},
+        {"@.", std::string(150, '.')}};
+    const temporary_tree tree;
+    configuration_path = tree / "c.toml";
+    const auto cases = read_cases(TEST_CASES "/configurations.txt", escapes);
+    EXPECT_GE(cases.size(), 13U);
+    for (auto row : cases) {
+        write_file(configuration_path, row['+']);
+        configuration.clear();
+        const captured_output lines;
+        EXPECT_EQ(load_configuration(), row.count('!') == 0) << row['#'];
+        EXPECT_EQ(lines.text(), replaced(row['|'], "PATH", configuration_path)) << row['#'];
+        std::string entries;
+        for (const auto &[name, entry] : configuration)
+            entries += shown(entry);
+        EXPECT_EQ(entries, row['=']) << row['#'];
     }
 }
 
-TEST(ConfigurationLoad, RefusesWhatItCannotRead) {
-    const std::string deep(100000, '['), dots = "a" + std::string(100000, '.') + "b=1\n";
-    const struct {
-        std::string text, lines;
-    } rows[] = {
-        {"[event", "PATH: TOML parse error: Unterminated table declaration"},
-        {"a=" + deep, "PATH: TOML parse error: nested too deeply\n"},
-        {"a=\"\\\"\"\nb='\\'\nc=\"\"\nd=''''\"'''\ne=" + deep,
-         "PATH: TOML parse error: nested too deeply\n"},
-        {dots, "PATH: TOML parse error: nested too deeply\n"},
-    };
-    for (const auto &row : rows) {
-        bool loaded = true;
-        const std::string lines = load_text(row.text, loaded);
-        EXPECT_FALSE(loaded);
-        EXPECT_EQ(lines.substr(0, row.lines.size()), row.lines);
-        EXPECT_TRUE(configuration.empty());
-    }
+TEST(ConfigurationLoad, WaitsForNothingThatIsNoFile) {
     const temporary_tree tree;
     configuration_path = tree / "c.toml";
     const captured_output lines;
@@ -150,7 +92,7 @@ TEST(ConfigurationLoad, TakesOnlyTextsFromAMixedArrayAndKeepsTheFirstOfAName) {
     add_event_table("event", table);
     add_event_table("event", cpptoml::make_table());
     EXPECT_EQ(lines.text(), "Added section 'event'\nWarning: Duplicate section 'event'\n");
-    EXPECT_EQ(shown(configuration), "event:w>t(a,b,);");
+    EXPECT_EQ(shown(configuration.at("event")), "event: w > t a b\n");
 }
 
 TEST(DirectoryDiscovery, EveryItemIsAnEntryAndNoFailureLeaves) {

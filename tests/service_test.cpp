@@ -61,7 +61,7 @@ TEST(CommandLine, UnderstandsWhatLyraUnderstands) {
         "Display usage information.\n\nOPTIONS, ARGUMENTS:\n  -?, -h, --help          \n"
         "  -d, --directory <watch_folder_dir>\n                          "
         "What directory has the watch folders?\n\n";
-    std::ifstream file(COMMAND_LINES);
+    std::ifstream file(TEST_CASES "/command_lines.txt");
     int rows = 0;
     std::string row;
     for (std::getline(file, row); std::getline(file, row); ++rows) {

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <string>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -48,6 +49,32 @@ inline std::string tree_of(const fs::path &root) {
     for (const std::string &line : lines)
         text += line + "\n";
     return text;
+}
+
+inline std::string replaced(std::string text, const std::string &what, const std::string &by) {
+    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size())
+        text.replace(at, what.size(), by);
+    return text;
+}
+
+// The paragraphs of a case file, but for the first, which says what its marks mean: for each mark
+// that begins a line, what follows the mark and a blank in all its lines, escapes replaced.
+inline std::vector<std::map<char, std::string>>
+read_cases(const fs::path &path, const std::vector<std::pair<std::string, std::string>> &escapes) {
+    std::vector<std::map<char, std::string>> cases;
+    std::ifstream file(path);
+    bool in_case = false;
+    for (std::string line; std::getline(file, line); in_case = !line.empty()) {
+        if (line.empty())
+            continue;
+        if (!in_case)
+            cases.emplace_back();
+        for (const auto &[what, by] : escapes)
+            line = replaced(line, what, by);
+        cases.back()[line[0]] += line.substr(std::min<size_t>(2, line.size())) + "\n";
+    }
+    cases.erase(cases.begin());
+    return cases;
 }
 
 inline size_t open_descriptors() {
