@@ -80,6 +80,17 @@ TEST(FolderScan, PicksOneRegularVisibleMatchingFile) {
     EXPECT_EQ(tree_of(disk.tree / "main/play"), "");
     write_file(watch / "a1", "1");
     write_file(watch / "a2", "2");
+    {
+        const child_process writer([&] {
+            for (const char *name : {"a1", "a2"})
+                open((watch / name).c_str(), O_WRONLY | O_CLOEXEC);
+        });
+        const captured_output refusals;
+        check_watch_folder(entry);
+        const std::string text = refusals.text();
+        EXPECT_EQ(text.find("is in use"), text.rfind("is in use")) << "the other one waits";
+        EXPECT_NE(text.find("is in use"), std::string::npos);
+    }
     check_watch_folder(entry);
     EXPECT_EQ(fs::exists(watch / "a1") + fs::exists(watch / "a2"), 1);
     check_watch_folder(entry);
