@@ -132,9 +132,11 @@ TEST(MainLoop, KeepsTheGridAndRescansInDirectoryMode) {
                                          190500000, 309500000, 428499999, 428500000};
     for (const bool directory_mode : {false, true}) {
         configuration.clear();
-        const std::string n = directory_mode ? "/1 " : "/0 ";
+        for (const char *name : {"a", "b"})
+            configuration[name].name = name;
+        const std::string n = directory_mode ? "/1 " : "/2 ";
         EXPECT_EQ(run_loop(directory_mode ? tree.root.string() : "", clock),
-                  "z500000/0 60500000/0 z60500000/0 120500000/0 250500000/0 369500000" + n +
+                  "z500000/2 60500000/2 z60500000/2 120500000/2 250500000/2 369500000" + n +
                       "429500000" + n + "z")
             << directory_mode;
     }
