@@ -1,6 +1,8 @@
 #include "platform/procfs.h"
 
+#include "compat/handles.h"
 #include "platform/process_walk.h"
+#include "platform/write_lease.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -11,11 +13,24 @@ int procfs_path_in_use(const char *path, procfs_path_in_use_info *info, unsigned
         errno = EINVAL;
         return -1;
     }
-    file_identity file{};
-    if (!identify(AT_FDCWD, path, file))
+    const bool wants_process = info != nullptr && max_info > 0;
+    if (wants_process)
+        info[0].pid = 0;
+    // O_PATH: no device is opened, no FIFO waited for, and the descriptor is no use of the file.
+    const unique_fd file(open(path, O_PATH | O_CLOEXEC));
+    if (!file)
         return errno == ENOENT || errno == ENOTDIR ? 0 : -1;
-    const pid_t holder = find_process_with_open_file(file);
-    if (holder > 0 && info != nullptr && max_info > 0)
+    const lease_answer answer = ask_for_write_lease(file.get());
+    if (answer == lease_answer::unused)
+        return 0;
+    file_identity identity{};
+    if (!identify(file.get(), "", identity))
+        return -1;
+    // The kernel does not tell whose use it is; the service's own does not count.
+    if (answer == lease_answer::used && !service_has_open(identity))
+        return 1;
+    const pid_t holder = find_process_with_open_file(identity);
+    if (holder > 0 && wants_process)
         info[0].pid = holder;
     return holder > 0 ? 1 : holder;
 }

@@ -56,7 +56,8 @@ bool process_has_open(int proc, const char *number, const file_identity &file) {
 
 bool identify(int at, const char *name, file_identity &identity) {
     struct statx status {};
-    if (statx(at, name, AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT, STATX_INO, &status) != 0)
+    if (statx(at, name, AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT | AT_EMPTY_PATH, STATX_INO, &status) !=
+        0)
         return false;
     identity = {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
     return true;
@@ -74,4 +75,14 @@ pid_t find_process_with_open_file(const file_identity &file) {
         return found != 0;
     });
     return found;
+}
+
+bool service_has_open(const file_identity &file) {
+    const unique_fd own(open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return !own || any_number(own.get(), [&](const char *descriptor) {
+        const auto fd = static_cast<int>(strtol(descriptor, nullptr, 10));
+        file_identity open_file{};
+        return identify(fd, "", open_file) && open_file == file &&
+               (fcntl(fd, F_GETFL) & O_PATH) == 0;
+    });
 }

@@ -14,8 +14,9 @@ inline bool operator==(const file_identity &a, const file_identity &b) {
     return a.inode == b.inode && a.device == b.device;
 }
 
-// The identity of the file that a name leads to, links followed, taken from what the kernel has at
-// hand: a file on a dead network server must not hold anybody up. False with errno.
+// The identity of the file that a name leads to, links followed, or, with an empty name, of the
+// descriptor's own file. Taken from what the kernel has at hand: a file on a dead network server
+// must not hold anybody up. False with errno.
 [[nodiscard]] bool identify(int at, const char *name, file_identity &identity);
 
 // The id of a process other than the service that has the file open; 0 when there is none, -1 with
@@ -23,5 +24,9 @@ inline bool operator==(const file_identity &a, const file_identity &b) {
 // meanwhile, and those of processes that may not be looked at, are passed over. Holds two
 // descriptors.
 pid_t find_process_with_open_file(const file_identity &file);
+
+// Has the service itself the file open, with anything but O_PATH? True also when that cannot be
+// told. Holds one descriptor.
+bool service_has_open(const file_identity &file);
 
 #endif

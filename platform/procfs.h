@@ -12,15 +12,23 @@
 extern "C" {
 #endif
 
-/* A process that uses a file. */
+/* A process that uses a file; 0 when there is one that was not looked for. */
 typedef struct procfs_path_in_use_info {
     int32_t pid;
 } procfs_path_in_use_info;
 
-/* 1 when another process has the file at path open, 0 when none has or there is no such file. Files
- * are compared by device and inode: symbolic links are followed, hard links and other mounts found.
- * The service's own descriptors never count. With max_info above 0 the first process found is
- * stored in info[0]. flags must be 0. Reads no file and never waits for one. */
+/* 1 when something other than the service uses the file at path, 0 when nothing does or there is no
+ * such file. Symbolic links are followed; the file itself counts, not its name: hard links and
+ * other mounts are found. The service's own descriptors, inherited ones included, never count.
+ *
+ * Asks the kernel for a write lease, which answers for every way to use a regular file and takes
+ * the same time whatever the number of processes. Where the kernel does not answer, or the service
+ * itself has the file open, the process file system is walked: not a regular file, a file of
+ * another owner without CAP_LEASE, a network file system, an overlay, a file system without leases.
+ *
+ * With max_info above 0, info[0].pid becomes the first process that a walk found, and 0 when the
+ * answer came without a walk or is not 1. flags must be 0. Reads no file and never waits for one.
+ */
 int procfs_path_in_use(const char *path, procfs_path_in_use_info *info, unsigned long max_info,
                        unsigned int flags);
 
