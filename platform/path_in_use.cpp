@@ -23,13 +23,10 @@ int procfs_path_in_use(const char *path, procfs_path_in_use_info *info, unsigned
     const lease_answer answer = ask_for_write_lease(file.get());
     if (answer == lease_answer::unused)
         return 0;
-    file_identity identity{};
-    if (!identify(file.get(), "", identity))
-        return -1;
     // The kernel does not tell whose use it is; the service's own does not count.
-    if (answer == lease_answer::used && !service_has_open(identity))
+    if (answer == lease_answer::used && !service_has_open(file.get()))
         return 1;
-    const pid_t holder = find_process_with_open_file(identity);
+    const pid_t holder = find_process_using_file(file.get());
     if (holder > 0 && wants_process)
         info[0].pid = holder;
     return holder > 0 ? 1 : holder;

@@ -1,27 +1,48 @@
 #include "platform/process_walk.h"
 
+#include "compat/diagnostics.h"
 #include "compat/handles.h"
+#include "platform/mapping_query.h"
+#include "platform/proc_tables.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/kcmp.h>
 #include <string>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
+#include <sys/syscall.h>
 
 namespace {
 
-constexpr size_t listing_buffer_size = size_t{32} << 10;
+constexpr size_t buffer_size = size_t{32} << 10;
+
+// What is looked for, and where.
+struct walk {
+    int proc;              // the opened process file system
+    bool numbers_are_pids; // it may show the process ids of another namespace
+    file_identity file;
+    file_identity mapped; // how a table of mappings names it
+    bool looks_at_memory;
+};
 
 bool is_number(const char *name) {
     return *name >= '0' && *name <= '9';
 }
 
+pid_t to_pid(const char *number) {
+    return static_cast<pid_t>(strtol(number, nullptr, 10));
+}
+
+bool is_refusal(int error) {
+    return error == EACCES || error == EPERM;
+}
+
 // Calls visit(name) for each entry whose name is a number until it returns true, and returns
 // whether one did. Reading stops at an error, which for a process means that it has gone.
 template<typename Visit> bool any_number(int directory, Visit visit) {
-    alignas(dirent64) char buffer[listing_buffer_size];
+    alignas(dirent64) char buffer[buffer_size];
     ssize_t size = 0;
     while ((size = getdents64(directory, buffer, sizeof(buffer))) > 0) {
         for (ssize_t at = 0; at < size;) {
@@ -34,55 +55,201 @@ template<typename Visit> bool any_number(int directory, Visit visit) {
     return false;
 }
 
-// The service's number in this process file system, which need not be that of its own pid
-// namespace.
+unique_fd open_directory(int at, const std::string &name) {
+    return unique_fd(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// Calls visit(lines) with one piece of a table after another until it returns true, and returns
+// whether one did. A piece holds whole lines.
+template<typename Visit> bool any_lines(int table, Visit visit) {
+    char buffer[buffer_size]; // longer than the longest line, that of a path full of escapes
+    size_t kept = 0;
+    ssize_t size = 0;
+    while ((size = TEMP_FAILURE_RETRY(read(table, buffer + kept, sizeof(buffer) - kept))) > 0) {
+        const std::string_view text(buffer, kept + static_cast<size_t>(size));
+        const size_t whole = text.rfind('\n') + 1; // 0 without one
+        if (visit(text.substr(0, whole)))
+            return true;
+        kept = whole == 0 && text.size() == sizeof(buffer) ? 0 : text.size() - whole;
+        memmove(buffer, buffer + whole, kept);
+    }
+    return false;
+}
+
+template<typename Visit> bool any_lines(int at, const std::string &name, Visit visit) {
+    const unique_fd table(openat(at, name.c_str(), O_RDONLY | O_CLOEXEC));
+    return table && any_lines(table.get(), visit);
+}
+
+descriptor_info describe(int at, const std::string &name) {
+    descriptor_info info;
+    any_lines(at, name, [&info](std::string_view lines) {
+        info = parse_descriptor_info(lines);
+        return true;
+    });
+    return info;
+}
+
+// Where a file system gives its files device numbers of other kinds, subvolumes and overlays, the
+// tables of mappings have that of the mounted file system and the kernel's own inode number.
+file_identity identity_when_mapped(int path_fd, const file_identity &file) {
+    const descriptor_info info = describe(AT_FDCWD, "/proc/self/fdinfo/" + std::to_string(path_fd));
+    file_identity mapped{file.device, info.inode.value_or(file.inode)};
+    if (info.mount_id)
+        any_lines(AT_FDCWD, "/proc/self/mountinfo", [&](std::string_view lines) {
+            const auto device = device_of_mount(lines, *info.mount_id);
+            mapped.device = device.value_or(mapped.device);
+            return device.has_value();
+        });
+    return mapped;
+}
+
+// An operator has to know that the answers may be wrong; once is enough.
+void report_blindness(const char *process, int error) {
+    static bool reported = false;
+    if (!reported)
+        diag("Warning: a file in use may not be noticed, cannot look into process %s, %s\n",
+             process, strerror(error));
+    reported = true;
+}
+
+bool is_path_descriptor(const walk &walk, const std::string &task, const char *descriptor) {
+    const auto flags = describe(walk.proc, task + "/fdinfo/" + descriptor).flags;
+    return flags && (*flags & O_PATH) != 0;
+}
+
+bool has_open(const walk &walk, const std::string &task) {
+    const unique_fd descriptors = open_directory(walk.proc, task + "/fd");
+    return descriptors && any_number(descriptors.get(), [&](const char *descriptor) {
+               file_identity open_file{};
+               return identify(descriptors.get(), descriptor, open_file) &&
+                      open_file == walk.file && !is_path_descriptor(walk, task, descriptor);
+           });
+}
+
+enum class memory {
+    none, // a kernel thread, or it has ended
+    without_file,
+    with_file,
+    refused
+};
+
+// errno with `refused`.
+memory look_at_memory(const walk &walk, const std::string &task) {
+    file_identity program{};
+    if (identify(walk.proc, (task + "/exe").c_str(), program)) {
+        if (program == walk.file)
+            return memory::with_file;
+    } else if (!is_refusal(errno)) {
+        return memory::none;
+    }
+    // Of the two only this is refused for the sake of the memory alone: a kernel thread and a
+    // process that has ended may be asked by anybody.
+    const unique_fd mappings(openat(walk.proc, (task + "/maps").c_str(), O_RDONLY | O_CLOEXEC));
+    if (!mappings)
+        return is_refusal(errno) ? memory::refused : memory::none;
+    std::optional<bool> found = query_mappings(mappings.get(), walk.mapped, walk.file);
+    if (!found)
+        found = any_lines(mappings.get(), [&walk](std::string_view lines) {
+            return maps_file(lines, walk.mapped) || maps_file(lines, walk.file);
+        });
+    return *found ? memory::with_file : memory::without_file;
+}
+
+bool shares_descriptors(const walk &walk, const char *process, const char *thread) {
+    return walk.numbers_are_pids &&
+           syscall(SYS_kcmp, to_pid(process), to_pid(thread), KCMP_FILES, 0, 0) == 0;
+}
+
+bool has_threads(const walk &walk, const std::string &tasks) {
+    struct statx status {};
+    constexpr unsigned int links_of_empty_directory = 2;
+    return statx(walk.proc, tasks.c_str(), AT_STATX_DONT_SYNC, STATX_NLINK, &status) == 0 &&
+           status.stx_nlink > links_of_empty_directory + 1;
+}
+
+// All threads of a process share its memory, but the first one may have ended and left it.
+bool another_thread_holds(const walk &walk, const char *process, bool memory_is_known) {
+    const std::string tasks = std::string(process) + "/task";
+    if (!has_threads(walk, tasks))
+        return false;
+    const unique_fd threads = open_directory(walk.proc, tasks);
+    return threads && any_number(threads.get(), [&](const char *thread) {
+               if (strcmp(thread, process) == 0)
+                   return false;
+               const std::string task = tasks + "/" + thread;
+               return (!shares_descriptors(walk, process, thread) && has_open(walk, task)) ||
+                      (!memory_is_known && look_at_memory(walk, task) == memory::with_file);
+           });
+}
+
+bool holds(const walk &walk, const char *process) {
+    if (!walk.looks_at_memory)
+        return has_open(walk, process) || another_thread_holds(walk, process, true);
+    const memory state = look_at_memory(walk, process);
+    if (state == memory::refused) {
+        report_blindness(process, errno);
+        return false; // its descriptors are refused as well
+    }
+    // Who has no memory has no descriptors either.
+    return state == memory::with_file || (state != memory::none && has_open(walk, process)) ||
+           another_thread_holds(walk, process, state != memory::none);
+}
+
+// The service's number in this process file system; empty when it is not in there.
 std::string own_number(int proc) {
     char number[16];
     const ssize_t length = readlinkat(proc, "self", number, sizeof(number));
     return std::string(number, length > 0 ? static_cast<size_t>(length) : 0);
 }
 
-bool process_has_open(int proc, const char *number, const file_identity &file) {
-    const std::string name = std::string(number) + "/fd";
-    const unique_fd descriptors(
-        openat(proc, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    return descriptors && any_number(descriptors.get(), [&](const char *descriptor) {
-               file_identity open_file{};
-               return identify(descriptors.get(), descriptor, open_file) && open_file == file;
-           });
+// A process file system can be mounted so that it does not even list what may not be looked into.
+// Process 1 is always there.
+void check_listing(int proc) {
+    file_identity first{};
+    if (!identify(proc, "1", first))
+        report_blindness("1", errno);
 }
 
-} // namespace
-
-bool identify(int at, const char *name, file_identity &identity) {
-    struct statx status {};
-    if (statx(at, name, AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT | AT_EMPTY_PATH, STATX_INO, &status) !=
-        0)
-        return false;
-    identity = {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
-    return true;
-}
-
-pid_t find_process_with_open_file(const file_identity &file) {
-    const unique_fd proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+pid_t find_process(walk walk) {
+    const unique_fd proc = open_directory(AT_FDCWD, "/proc");
     if (!proc)
         return -1;
     const std::string self = own_number(proc.get());
+    walk.proc = proc.get();
+    walk.numbers_are_pids = self == std::to_string(getpid());
+    if (walk.looks_at_memory)
+        check_listing(proc.get());
     pid_t found = 0;
-    any_number(proc.get(), [&](const char *number) {
-        if (number != self && process_has_open(proc.get(), number, file))
-            found = static_cast<pid_t>(strtol(number, nullptr, 10));
+    any_number(proc.get(), [&](const char *process) {
+        if (process != self && holds(walk, process))
+            found = to_pid(process);
         return found != 0;
     });
     return found;
 }
 
-bool service_has_open(const file_identity &file) {
-    const unique_fd own(open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return !own || any_number(own.get(), [&](const char *descriptor) {
-        const auto fd = static_cast<int>(strtol(descriptor, nullptr, 10));
-        file_identity open_file{};
-        return identify(fd, "", open_file) && open_file == file &&
-               (fcntl(fd, F_GETFL) & O_PATH) == 0;
-    });
+} // namespace
+
+pid_t find_process_using_file(int path_fd) {
+    file_identity file{};
+    if (!identify(path_fd, "", file))
+        return -1;
+    return find_process({-1, false, file, identity_when_mapped(path_fd, file), true});
+}
+
+pid_t find_process_with_open_file(const file_identity &file) {
+    return find_process({-1, false, file, file, false});
+}
+
+bool service_has_open(int path_fd) {
+    file_identity file{};
+    const unique_fd own = open_directory(AT_FDCWD, "/proc/self/fd");
+    return !own || !identify(path_fd, "", file) ||
+           any_number(own.get(), [&](const char *descriptor) {
+               const auto fd = static_cast<int>(strtol(descriptor, nullptr, 10));
+               file_identity open_file{};
+               return identify(fd, "", open_file) && open_file == file &&
+                      (fcntl(fd, F_GETFL) & O_PATH) == 0;
+           });
 }

@@ -1,32 +1,28 @@
-// A walk over the process file system: who holds a file open?
+// A walk over the process file system: which process holds a file?
+//
+// Errors: a process, thread or descriptor that vanishes meanwhile is passed over.
+// Prints: "Warning: a file in use may not be noticed, cannot look into process %s, %s", the first
+//         time only.
 #ifndef PLATFORM_PROCESS_WALK_H
 #define PLATFORM_PROCESS_WALK_H
 
+#include "platform/file_identity.h"
+
 #include <sys/types.h>
 
-// What makes two descriptors be on the same file.
-struct file_identity {
-    dev_t device;
-    ino_t inode;
-};
+// Both functions below give the id of a process other than the service; 0 when there is none, -1
+// with errno when the process file system cannot be listed. They hold three descriptors.
 
-inline bool operator==(const file_identity &a, const file_identity &b) {
-    return a.inode == b.inode && a.device == b.device;
-}
+// A process that uses the file of an O_PATH descriptor: it, or a thread that has descriptors of its
+// own, has it open, has it mapped, though its descriptor may be closed, or runs it. A descriptor
+// that was opened with O_PATH is no use. Reports a process that may not be looked into.
+pid_t find_process_using_file(int path_fd);
 
-// The identity of the file that a name leads to, links followed, or, with an empty name, of the
-// descriptor's own file. Taken from what the kernel has at hand: a file on a dead network server
-// must not hold anybody up. False with errno.
-[[nodiscard]] bool identify(int at, const char *name, file_identity &identity);
-
-// The id of a process other than the service that has the file open; 0 when there is none, -1 with
-// errno when the process file system cannot be listed. Processes and descriptors that vanish
-// meanwhile, and those of processes that may not be looked at, are passed over. Holds two
-// descriptors.
+// A process that has the file open, for what can be neither mapped nor run.
 pid_t find_process_with_open_file(const file_identity &file);
 
-// Has the service itself the file open, with anything but O_PATH? True also when that cannot be
-// told. Holds one descriptor.
-bool service_has_open(const file_identity &file);
+// Has the service itself the file of an O_PATH descriptor open, with anything but O_PATH? True also
+// when that cannot be told. Holds one descriptor.
+bool service_has_open(int path_fd);
 
 #endif

@@ -1,4 +1,5 @@
 #include "platform/metadata_v4.h"
+#include "platform/proc_tables.h"
 #include "platform/process_util.h"
 #include "platform/procfs.h"
 #include "tests/support.h"
@@ -10,6 +11,7 @@
 #include <memory>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 
 namespace {
@@ -245,6 +247,17 @@ TEST(PathInUse, ComparesTheFileAndNotItsName) {
         EXPECT_EQ(info.pid, holder.pid);
     }
     EXPECT_EQ(in_use("file"), 0);
+}
+
+TEST(ProcTables, AreReadAsTheKernelWritesThem) {
+    const file_identity file{makedev(0xfe, 0x1a), 4711};
+    EXPECT_TRUE(maps_file("x\n7f-80 r--p 00 fe:1a 4711    /a b\\012c\n", file));
+    for (const char *line : {"7f-80 r--p 00 fe:1a 47110", "7f-80 r--p 00 fe:1b 4711", "7f-80 r--p"})
+        EXPECT_FALSE(maps_file(line, file)) << line;
+    const auto info = parse_descriptor_info("pos:\t0\nflags:\t012100000\nmnt_id:\t24\nino:\tx\n");
+    EXPECT_EQ(info.flags, O_PATH | O_CLOEXEC | 0100000);
+    EXPECT_EQ(info.mount_id, 24U);
+    EXPECT_EQ(device_of_mount("240 1 0:5 /\n24 1 254:26 / /a\n", 24), makedev(254, 26));
 }
 
 TEST(SocketServer, IsFoundByTheBoundFile) {
