@@ -2,6 +2,8 @@
 #include "platform/procfs.h"
 #include "tests/support.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <sys/mount.h>
 #include <sys/prctl.h>
