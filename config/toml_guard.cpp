@@ -24,47 +24,67 @@ bool toml_nesting::add(const char *text, size_t size) {
         }
         if (place_ == place::string)
             add_string(*c);
-        else if (place_ == place::comment)
-            place_ = *c == '\n' ? place::bare : place::comment;
-        else if (!add_bare(*c))
-            return false;
+        else if (place_ == place::bare || *c == '\n') { // a comment ends with its line
+            place_ = place::bare;
+            if (!add_bare(*c))
+                return false;
+        }
     }
     return true;
 }
 
+// Only where a part of a key or a value begins is a quotation mark the start of a string; the
+// parser takes quotation marks, commas and braces further on in a bare key for characters of that
+// key.
 bool toml_nesting::add_bare(char c) {
-    switch (c) {
-    case '#':
+    if (c == ' ' || c == '\t')
+        return true;
+    if (c == '#') {
         place_ = place::comment;
-        break;
-    case '"':
-    case '\'':
+    } else if (c == '\n') {
+        if (depth_ == 0)
+            begin_key();
+    } else if ((c == '"' || c == '\'') && !(in_key_ && part_begun_)) {
         place_ = place::opening_marks;
         mark_ = c;
         marks_ = 1;
         multi_line_ = false;
-        break;
-    case '[':
-    case '{':
-        ++depth_;
-        components_ = 0;
-        break;
-    case ']':
-    case '}':
+        part_begun_ = key_begun_ = true;
+    } else if (in_key_) {
+        add_key(c);
+    } else if (c == '[' || c == '{') {
+        if (depth_ == toml_nesting_limit)
+            return false;
+        open_[depth_++] = c;
+        if (c == '{')
+            begin_key();
+    } else if (c == ']' || c == '}') {
         depth_ -= depth_ > 0 ? 1 : 0;
-        break;
-    case '.':
-        ++components_;
-        break;
-    case '=':
-    case ',':
-    case '\n':
-        components_ = 0;
-        break;
-    default:
-        break;
+    } else if (c == ',' && depth_ > 0 && open_[depth_ - 1] == '{') {
+        begin_key();
     }
-    return depth_ <= toml_nesting_limit && components_ <= toml_nesting_limit;
+    return components_ <= toml_nesting_limit;
+}
+
+void toml_nesting::begin_key() {
+    in_key_ = true;
+    key_begun_ = part_begun_ = false;
+    components_ = 0;
+}
+
+void toml_nesting::add_key(char c) {
+    if (c == '=') {
+        in_key_ = false;
+    } else if (c == '.') {
+        ++components_;
+        part_begun_ = false;
+        key_begun_ = true;
+    } else if (c == '}' && !key_begun_ && depth_ > 0) {
+        --depth_;
+        in_key_ = false;
+    } else if (c != '[' || key_begun_ || depth_ > 0) { // else a table's header
+        part_begun_ = key_begun_ = true;
+    }
 }
 
 void toml_nesting::add_string(char c) {
@@ -89,6 +109,8 @@ void refuse_unfit_toml(const std::string &path) {
         throw cpptoml::parse_exception{strerror(errno)};
     if (!S_ISREG(status.st_mode))
         throw cpptoml::parse_exception{"not a regular file"};
+    if (status.st_size > toml_size_limit)
+        throw cpptoml::parse_exception{"too large"};
     toml_nesting nesting;
     char piece[8192];
     ssize_t size = 0;

@@ -4,8 +4,10 @@
 
 #include <cstddef>
 #include <string>
+#include <sys/types.h>
 
 constexpr size_t toml_nesting_limit = 100;
+constexpr off_t toml_size_limit = off_t{64} << 20; // bytes
 
 // Follows the nesting of a TOML text that is given to it piece by piece: arrays and inline tables
 // one inside another, and the components of a dotted key. Brackets and dots in strings and comments
@@ -18,6 +20,8 @@ public:
 private:
     enum class place { bare, comment, opening_marks, string };
     bool add_bare(char c);
+    void add_key(char c);
+    void begin_key();
     void add_string(char c);
 
     place place_ = place::bare;
@@ -25,12 +29,16 @@ private:
     size_t marks_ = 0;        // how many of them have come in a row
     bool multi_line_ = false; // the string stands between three marks
     bool escaped_ = false;    // the last character was a backslash
+    bool in_key_ = true;
+    bool key_begun_ = false;  // a character of the key has come
+    bool part_begun_ = false; // of its part behind the last dot
+    char open_[toml_nesting_limit];
     size_t depth_ = 0;
     size_t components_ = 0;
 };
 
-// Throws cpptoml::parse_exception for a path that leads to anything but a regular file, for a file
-// that cannot be read to its end and for one with too deep a nesting. A file that cannot be opened
+// Throws cpptoml::parse_exception for a path that leads to anything but a regular file, and for a
+// file that is too large, cannot be read to its end or nests too deeply. One that cannot be opened
 // is left for the parser to report.
 void refuse_unfit_toml(const std::string &path);
 

@@ -42,7 +42,8 @@ TEST(ConfigurationLoad, TurnsEventTablesIntoEntries) {
     const std::vector<std::pair<std::string, std::string>> escapes = {
         {"@P", "\"watch path\" = 'w'\n\"target file\" = 't'"},
         {"@[", std::string(150, '[')},
-        {"@.", std::string(150, '.')}};
+        {"@.", std::string(150, '.')},
+        {"@{", replaced(std::string(150, '{'), "{", "{a}=")}};
     const temporary_tree tree;
     configuration_path = tree / "c.toml";
     const auto cases = read_cases(TEST_CASES "/configurations.txt", escapes);
