@@ -40,13 +40,13 @@ const metadata_v4_metadata_entry *ItemMetadata::entry_at(uint64_t index) const {
     return entry == nullptr || entry->name == nullptr || entry->value == nullptr ? nullptr : entry;
 }
 
-bool ItemMetadata::set_entry(uint64_t index, const char *name, const char *value) {
-    return list_ != nullptr && metadata_v4_metadata_context_set_name_value_pair(
-                                   list_, metadata_v4_metadata_context_read_entry(list_, index),
-                                   name, 0, value, 0, -1) == 0;
+void ItemMetadata::set_entry(uint64_t index, const char *name, const char *value) {
+    if (list_ != nullptr)
+        metadata_v4_metadata_context_set_name_value_pair(
+            list_, metadata_v4_metadata_context_read_entry(list_, index), name, 0, value, 0, -1);
 }
 
-bool ItemMetadata::add_entry(const char *name, const char *value) {
-    return list_ != nullptr &&
-           metadata_v4_metadata_context_add_name_value_pair(list_, name, 0, value, 0, -1) == 0;
+void ItemMetadata::add_entry(const char *name, const char *value) {
+    if (list_ != nullptr)
+        metadata_v4_metadata_context_add_name_value_pair(list_, name, 0, value, 0, -1);
 }

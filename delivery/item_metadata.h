@@ -26,9 +26,10 @@ public:
     // Null for an index out of range and for an entry without name or without value.
     const metadata_v4_metadata_entry *entry_at(uint64_t index) const;
 
-    // Change the entry at an index, or add one. False without a list.
-    bool set_entry(uint64_t index, const char *name, const char *value);
-    bool add_entry(const char *name, const char *value);
+    // Change the entry at an index, or add one; nothing without a list. Whether the library took
+    // the text shows when it is written.
+    void set_entry(uint64_t index, const char *name, const char *value);
+    void add_entry(const char *name, const char *value);
 
 private:
     metadata_v4_metadata_context *list_ = nullptr;

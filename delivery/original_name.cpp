@@ -31,9 +31,11 @@ void store_name(const ItemContext &target, const char *name) {
     const uint64_t position = print_entries(list);
     const bool already = position < list.entry_count();
     diag("already=%u\n", already ? 1U : 0U);
-    const bool stored = already ? list.set_entry(position, original_name_key, name)
-                                : list.add_entry(original_name_key, name);
-    if (!stored || !list.write_to_file(target))
+    if (already)
+        list.set_entry(position, original_name_key, name);
+    else
+        list.add_entry(original_name_key, name);
+    if (!list.write_to_file(target))
         diag("Target meta save fail\n");
 }
 
