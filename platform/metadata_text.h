@@ -8,7 +8,7 @@
 #include "platform/metadata_v4.h"
 
 #include <cstddef>
-#include <deque>
+#include <list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,7 +24,7 @@ struct metadata_text {
     std::string raw; // as read; lines that nothing changed are written back from here
     std::unique_ptr<char[]> decoded;
     std::vector<metadata_line> lines;
-    std::deque<std::string> changed_texts; // a deque does not move what entries point to
+    std::list<std::string> changed_texts; // a list does not move what entries point to
 };
 
 // Splits raw into entries. Any bytes are accepted.
