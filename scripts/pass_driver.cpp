@@ -1,0 +1,45 @@
+// One watch folder and passes over it, without the daemon's start and waits: the program that the
+// fault tests and the long runs drive.
+//
+// pass_driver MAIN WATCH TARGET [PASSES]   without a number, stops itself before every pass.
+//
+// Every allocation asks for the parent's number first, so that one can be made to fail like a
+// system call.
+#include "config/watch_entry.h"
+#include "service/main_storage.h"
+#include "watch/watch_pass.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#ifndef __SANITIZE_ADDRESS__
+extern "C" void *__libc_malloc(size_t size);
+
+extern "C" void *malloc(size_t size) {
+    if (syscall(SYS_getppid) >= 0)
+        return __libc_malloc(size);
+    errno = ENOMEM;
+    return nullptr;
+}
+#endif
+
+int main(int argc, char **argv) {
+    if (argc < 4)
+        return 2;
+    main_path = realpath_string(argv[1]);
+    WatchEntry &entry = configuration["event"];
+    entry.name = "event";
+    entry.watch_path = argv[2];
+    entry.target_file = argv[3];
+    entry.patterns.emplace_back("\\.mxf$");
+    const long passes = argc > 4 ? strtol(argv[4], nullptr, 10) : -1;
+    for (long pass = 0; pass != passes; ++pass) {
+        if (passes < 0)
+            kill(getpid(), SIGSTOP);
+        check_watch_entries();
+    }
+    return 0;
+}

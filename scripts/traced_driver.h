@@ -1,0 +1,161 @@
+// The pass driver under trace: one system call of a pass fails or is cut short, or the process is
+// killed at it.
+//
+// Owns:   the traced process, which ends with its holder.
+// Errors: a process that did not end its pass is no longer alive.
+#ifndef SCRIPTS_TRACED_DRIVER_H
+#define SCRIPTS_TRACED_DRIVER_H
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/user.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+// A call of a pass: the nth of its number. Those that look at other processes are counted apart,
+// since their count differs from run to run.
+struct traced_call {
+    long number;
+    bool in_proc;
+    unsigned int nth;
+    unsigned int renames_before;
+};
+
+constexpr int no_fault = 0;
+constexpr int cut_short = -1; // the call transfers one byte
+constexpr int killed = -2;    // instead of the call
+
+// What happens at a call: one of the above or an errno value. Memory, once short, stays short.
+struct traced_fault {
+    int what;
+    traced_call at;
+};
+
+class traced_driver {
+public:
+    // Starts the driver on root/watch and root/target/news.mxf; its standard error is appended to
+    // root/errors. Stopped before its first pass.
+    traced_driver(const char *program, const std::filesystem::path &root) : pid_(fork()) {
+        if (pid_ == 0)
+            start(program, root);
+        waitpid(pid_, &status_, 0);
+        ptrace(PTRACE_SETOPTIONS, pid_, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+        is_alive_ = true;
+        pass();
+    }
+    traced_driver(const traced_driver &) = delete;
+    traced_driver &operator=(const traced_driver &) = delete;
+    ~traced_driver() {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status_, 0);
+    }
+
+    bool is_alive() const { return is_alive_; }
+
+    size_t descriptors() const {
+        const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid_) + "/fd");
+        return static_cast<size_t>(std::distance(begin(all), end(all)));
+    }
+
+    // Runs to the stop before the next pass.
+    void pass() {
+        if (is_alive_)
+            go_on(PTRACE_CONT);
+        is_alive_ = is_alive_ && WIFSTOPPED(status_) && WSTOPSIG(status_) == SIGSTOP;
+    }
+
+    // One pass with a fault. Returns the calls it made, without those of the stop itself; `came`
+    // tells whether the call of the fault was among them.
+    std::vector<traced_call> pass_with(const traced_fault &fault, bool &came) {
+        std::vector<traced_call> calls;
+        std::map<std::pair<long, bool>, unsigned int> seen;
+        unsigned int renames = 0;
+        came = false;
+        while (go_on(PTRACE_SYSCALL)) {
+            const user_regs_struct regs = registers();
+            const auto number = static_cast<long>(regs.orig_rax);
+            const bool in_proc = is_in_proc(static_cast<int>(regs.rdi));
+            const traced_call now{number, in_proc, ++seen[{number, in_proc}], renames};
+            renames += number == SYS_renameat ? 1 : 0;
+            if (number != SYS_kill && number != SYS_getpid)
+                calls.push_back(now);
+            if (is_hit(fault, now)) {
+                came = true;
+                make_happen(fault.what, regs);
+            } else {
+                go_on(PTRACE_SYSCALL); // to the end of the call
+            }
+        }
+        is_alive_ = WIFSTOPPED(status_) && WSTOPSIG(status_) == SIGSTOP;
+        return calls;
+    }
+
+private:
+    [[noreturn]] static void start(const char *program, const std::filesystem::path &root) {
+        dup2(open((root / "errors").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), 2);
+        ptrace(PTRACE_TRACEME);
+        execl(program, program, root.c_str(), (root / "watch").c_str(),
+              (root / "target/news.mxf").c_str(), nullptr);
+        _exit(127);
+    }
+
+    // True at the beginning or the end of a system call, false when the process stopped or ended.
+    bool go_on(__ptrace_request how) {
+        ptrace(how, pid_, nullptr, 0);
+        return waitpid(pid_, &status_, 0) == pid_ && WIFSTOPPED(status_) &&
+               WSTOPSIG(status_) == (SIGTRAP | 0x80);
+    }
+
+    user_regs_struct registers() const {
+        user_regs_struct regs{};
+        ptrace(PTRACE_GETREGS, pid_, nullptr, &regs);
+        return regs;
+    }
+
+    static bool is_hit(const traced_fault &fault, const traced_call &now) {
+        const bool stays = now.number == SYS_brk || now.number == SYS_mmap;
+        return fault.what != no_fault && now.number == fault.at.number &&
+               now.in_proc == fault.at.in_proc &&
+               (stays ? now.nth >= fault.at.nth : now.nth == fault.at.nth);
+    }
+
+    void make_happen(int what, user_regs_struct regs) {
+        if (what == killed) {
+            kill(pid_, SIGKILL);
+            go_on(PTRACE_SYSCALL);
+            return;
+        }
+        if (what == cut_short && regs.rdx > 1)
+            regs.rdx = 1;
+        else if (regs.orig_rax != SYS_close) // a close that fails has closed all the same
+            regs.orig_rax = ~0ULL;
+        ptrace(PTRACE_SETREGS, pid_, nullptr, &regs);
+        if (!go_on(PTRACE_SYSCALL) || what == cut_short)
+            return;
+        regs = registers();
+        regs.rax = static_cast<unsigned long long>(-what);
+        ptrace(PTRACE_SETREGS, pid_, nullptr, &regs);
+    }
+
+    bool is_in_proc(int fd) const {
+        char text[8] = "";
+        const std::string link = "/proc/" + std::to_string(pid_) + "/fd/" + std::to_string(fd);
+        return fd >= 0 && readlink(link.c_str(), text, sizeof(text) - 1) > 0 &&
+               strncmp(text, "/proc", 5) == 0;
+    }
+
+    pid_t pid_;
+    int status_ = 0;
+    bool is_alive_ = false;
+};
+
+#endif
