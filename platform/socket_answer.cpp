@@ -1,0 +1,81 @@
+#include "platform/socket_answer.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
+#include <linux/unix_diag.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/sysmacros.h>
+
+namespace {
+
+// Connections that a listener accepted show its file too; only what listens serves it, or, where
+// there are no connections, what is bound.
+bool can_serve(const unix_diag_msg &socket) {
+    return socket.udiag_type == SOCK_DGRAM || socket.udiag_state == TCP_LISTEN;
+}
+
+std::string last_component(const std::string &path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+// What the kernel says of the file that a socket is bound to.
+struct bound_file {
+    unix_diag_vfs identity{};
+    std::string name;
+};
+
+bound_file read_attributes(const nlmsghdr *message) {
+    const auto *socket = static_cast<const unix_diag_msg *>(NLMSG_DATA(message));
+    auto left = static_cast<int>(message->nlmsg_len - NLMSG_LENGTH(sizeof(*socket)));
+    const auto *attribute = reinterpret_cast<const rtattr *>(socket + 1);
+    bound_file bound;
+    for (; RTA_OK(attribute, left); attribute = RTA_NEXT(attribute, left)) {
+        const size_t size = RTA_PAYLOAD(attribute);
+        if (attribute->rta_type == UNIX_DIAG_VFS && size >= sizeof(bound.identity))
+            memcpy(&bound.identity, RTA_DATA(attribute), sizeof(bound.identity));
+        else if (attribute->rta_type == UNIX_DIAG_NAME)
+            bound.name.assign(static_cast<const char *>(RTA_DATA(attribute)), size);
+    }
+    return bound;
+}
+
+// The attribute decides where a file's device is that of its file system. With subvolumes and
+// overlays it is not: there the name that was given to bind has to lead to the file, or, where that
+// is relative, at least the inode number and the last component agree.
+bool is_bound_to(const bound_file &bound, const std::string &path, const file_identity &file) {
+    if (bound.name.empty() || bound.name[0] == '\0')
+        return false;                            // not bound to a file
+    const std::string name = bound.name.c_str(); // may come with the NUL that ends it
+    // The kernel's own device number has 20 bits of minor, and of the inode number this is the low
+    // half.
+    const bool same_inode = bound.identity.udiag_vfs_ino == static_cast<uint32_t>(file.inode);
+    const uint32_t device = bound.identity.udiag_vfs_dev;
+    if (same_inode && makedev(device >> 20, device & 0xfffff) == file.device)
+        return true;
+    file_identity named{};
+    return name[0] == '/' ? identify(AT_FDCWD, name.c_str(), named) && named == file
+                          : same_inode && last_component(name) == last_component(path);
+}
+
+} // namespace
+
+answer_state read_socket_answer(const char *part, size_t size, const std::string &path,
+                                const file_identity &file, int64_t &inode) {
+    auto left = static_cast<uint32_t>(size);
+    const auto *message = reinterpret_cast<const nlmsghdr *>(part);
+    for (; NLMSG_OK(message, left); message = NLMSG_NEXT(message, left)) {
+        if (message->nlmsg_type == NLMSG_DONE)
+            return answer_state::complete;
+        if (message->nlmsg_type != SOCK_DIAG_BY_FAMILY ||
+            message->nlmsg_len < NLMSG_LENGTH(sizeof(unix_diag_msg)))
+            return answer_state::unusable;
+        const auto *socket = static_cast<const unix_diag_msg *>(NLMSG_DATA(message));
+        if (inode == 0 && can_serve(*socket) && is_bound_to(read_attributes(message), path, file))
+            inode = socket->udiag_ino;
+    }
+    return answer_state::more;
+}

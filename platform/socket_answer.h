@@ -1,0 +1,20 @@
+// What the kernel answers when it is asked for its Unix sockets.
+#ifndef PLATFORM_SOCKET_ANSWER_H
+#define PLATFORM_SOCKET_ANSWER_H
+
+#include "platform/process_walk.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+enum class answer_state { more, complete, unusable };
+
+// Reads one part of the answer, aligned for a netlink header. Sets `inode` to the number of the
+// first socket that serves the file at path, unless it holds one already. Tells whether more parts
+// follow; a part that is cut short or is no such answer is unusable.
+[[nodiscard]] answer_state read_socket_answer(const char *part, size_t size,
+                                              const std::string &path, const file_identity &file,
+                                              int64_t &inode);
+
+#endif
