@@ -65,7 +65,7 @@ bool is_bound_to(const bound_file &bound, const std::string &path, const file_id
 
 answer_state read_socket_answer(const char *part, size_t size, const std::string &path,
                                 const file_identity &file, int64_t &inode) {
-    auto left = static_cast<uint32_t>(size);
+    auto left = static_cast<int64_t>(size); // below 0 after a last message without its padding
     const auto *message = reinterpret_cast<const nlmsghdr *>(part);
     for (; NLMSG_OK(message, left); message = NLMSG_NEXT(message, left)) {
         if (message->nlmsg_type == NLMSG_DONE)
