@@ -20,6 +20,33 @@ void forget_location(metadata_v4_context *context) {
     metadata_v4_context_close_file_handles(context);
     for (char **text : {&context->dir_path, &context->file_name, &context->metadir_name})
         free(std::exchange(*text, nullptr));
+    context->dir_device = context->dir_inode = 0;
+}
+
+// Links are followed: a target may be configured through one. But whoever can change a folder on
+// the way can also have it lead elsewhere between two openings, past what was validated at the
+// first.
+bool open_location(metadata_v4_context *context) {
+    context->dir_fd = open(context->dir_path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    struct stat status {};
+    if (context->dir_fd < 0 || fstat(context->dir_fd, &status) != 0)
+        return false;
+    if (context->dir_inode == 0 ||
+        (context->dir_inode == status.st_ino && context->dir_device == status.st_dev))
+        return true;
+    close_one(context->dir_fd);
+    errno = ESTALE;
+    return false;
+}
+
+void remember_directory(metadata_v4_context *context) {
+    const int saved = errno;
+    struct stat status {};
+    if (context->dir_fd >= 0 && fstat(context->dir_fd, &status) == 0) {
+        context->dir_device = status.st_dev;
+        context->dir_inode = status.st_ino;
+    }
+    errno = saved;
 }
 
 int open_directory_at(int at, const char *name) {
@@ -85,9 +112,7 @@ int metadata_v4_context_open_file_handles(metadata_v4_context *context) {
         errno = EINVAL;
         return -1;
     }
-    // Links are followed here: a target may be configured through one.
-    context->dir_fd = open(context->dir_path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (context->dir_fd < 0 || metadata_v4_context_open_the_file(context) < 0)
+    if (!open_location(context) || metadata_v4_context_open_the_file(context) < 0)
         return -1;
     context->metadir_fd = open_directory_at(context->dir_fd, context->metadir_name);
     if (context->metadir_fd < 0 && errno == ENOENT &&
@@ -98,6 +123,7 @@ int metadata_v4_context_open_file_handles(metadata_v4_context *context) {
 }
 
 void metadata_v4_context_close_file_handles(metadata_v4_context *context) {
+    remember_directory(context);
     close_one(context->metadir_fd);
     close_one(context->file_fd);
     close_one(context->dir_fd);

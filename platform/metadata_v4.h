@@ -37,6 +37,9 @@ typedef struct metadata_v4_context {
     char *metadir_name; /* null also when the file name is too long to have a metadata directory */
     int32_t metadir_fd;
     uint8_t flags;
+    /* The library's own: which directory dir_fd was when the handles were closed; 0, 0 before. */
+    uint64_t dir_device;
+    uint64_t dir_inode;
 } metadata_v4_context;
 
 /* One list of entries. */
@@ -78,7 +81,8 @@ int metadata_v4_context_set_file_location(metadata_v4_context *context, const ch
 int metadata_v4_context_open_the_file(metadata_v4_context *context);
 
 /* Closes what is open and opens the directory, the file and the metadata directory. Fails when the
- * file is not there, and then makes nothing. What was opened before a failure stays open. */
+ * file is not there, and with ESTALE when the directory is another one than that which was open for
+ * this location before; it then makes nothing. What was opened before a failure stays open. */
 int metadata_v4_context_open_file_handles(metadata_v4_context *context);
 
 /* Closes every descriptor in the context. Keeps errno. */
