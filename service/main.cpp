@@ -50,6 +50,7 @@ std::optional<int> load_registry(const std::string &watch_folder_dir) {
 
 int main(int argc, char **argv) {
     open_standard_descriptors();
+    bound_standard_error();
     std::string watch_folder_dir;
     if (const auto status = parse_command_line(argc, argv, watch_folder_dir))
         return *status;
