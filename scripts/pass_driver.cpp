@@ -5,6 +5,7 @@
 //
 // Every allocation asks for the parent's number first, so that one can be made to fail like a
 // system call.
+#include "compat/diagnostics.h"
 #include "config/watch_entry.h"
 #include "service/main_storage.h"
 #include "watch/watch_pass.h"
@@ -29,6 +30,8 @@ extern "C" void *malloc(size_t size) {
 int main(int argc, char **argv) {
     if (argc < 4)
         return 2;
+    signal(SIGPIPE, SIG_IGN);
+    bound_standard_error();
     main_path = realpath_string(argv[1]);
     WatchEntry &entry = configuration["event"];
     entry.name = "event";
