@@ -1,68 +1,50 @@
 #include "compat/diagnostics.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <climits>
+#include "compat/handles.h"
+
 #include <cstdarg>
-#include <cstdio>
+#include <cstdint>
 #include <ctime>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
-#include <unistd.h>
 
 namespace {
 
-constexpr long longest_wait_ms = 1000;
+constexpr int longest_wait_ms = 1000;
 
-// How a write is kept from waiting: by a flag of the call, by a question before it, or, for what is
-// neither pipe nor socket and has no reader, not at all.
-enum class way { by_flag, by_question, plainly } way_to_write = way::by_flag;
+bool is_socket = false;
 bool reader_is_away = false;
 char last_written = '\n';
 
-bool has_reader() {
-    struct stat status {};
-    return fstat(STDERR_FILENO, &status) == 0 &&
-           (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
+// A descriptor on the pipe of standard error that does not block. It is an opening of its own: the
+// flag stays off those that other processes have.
+unique_fd reopen_pipe() {
+    return unique_fd(open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
-long now_ms() {
+int64_t now_ms() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 // Signals do not prolong the wait.
-bool wait_for_room(long most_ms) {
-    const long end = now_ms() + most_ms;
+bool wait_for_room(int most_ms) {
+    const int64_t end = now_ms() + most_ms;
     pollfd fd{STDERR_FILENO, POLLOUT, 0};
-    int ready = 0;
-    do {
-        ready = poll(&fd, 1, static_cast<int>(std::max(end - now_ms(), 0L)));
-    } while (ready < 0 && errno == EINTR && now_ms() < end);
-    return ready > 0;
+    for (int64_t left = most_ms; left >= 0; left = end - now_ms()) {
+        const int ready = poll(&fd, 1, static_cast<int>(left));
+        if (ready >= 0 || errno != EINTR)
+            return ready > 0;
+    }
+    return false;
 }
 
-// Writes what there is room for; -1 with EAGAIN when there is none.
 ssize_t write_some(const char *text, size_t size) {
-    if (way_to_write == way::by_flag) {
-        iovec piece{const_cast<char *>(text), size};
-        const ssize_t count = pwritev2(STDERR_FILENO, &piece, 1, -1, RWF_NOWAIT);
-        if (count >= 0 || (errno != EAGAIN && errno != EOPNOTSUPP && errno != ENOSYS))
-            return count;
-        const bool is_full = errno == EAGAIN;
-        way_to_write = !has_reader() ? way::plainly : is_full ? way::by_flag : way::by_question;
-        errno = EAGAIN;
-        if (is_full && way_to_write == way::by_flag)
-            return -1;
-    }
-    if (way_to_write == way::plainly)
-        return write(STDERR_FILENO, text, size);
-    if (wait_for_room(0))
-        return write(STDERR_FILENO, text, std::min<size_t>(size, PIPE_BUF));
-    errno = EAGAIN;
-    return -1;
+    return is_socket ? send(STDERR_FILENO, text, size, MSG_DONTWAIT | MSG_NOSIGNAL)
+                     : write(STDERR_FILENO, text, size);
 }
 
 // False when the rest of the text is given up: at an error, or when nobody has read for a second.
@@ -110,6 +92,13 @@ void diag(const char *format, ...) {
 }
 
 void bound_standard_error() {
+    struct stat status {};
+    if (fstat(STDERR_FILENO, &status) != 0)
+        return;
+    is_socket = S_ISSOCK(status.st_mode);
+    const unique_fd pipe = S_ISFIFO(status.st_mode) ? reopen_pipe() : unique_fd();
+    if (!is_socket && (!pipe || dup2(pipe.get(), STDERR_FILENO) < 0))
+        return; // it has no reader who could stop, or it may not be opened again
     FILE *bounded = fopencookie(nullptr, "w", {nullptr, write_piece, nullptr, nullptr});
     if (bounded == nullptr)
         return;
