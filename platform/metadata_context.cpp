@@ -23,30 +23,29 @@ void forget_location(metadata_v4_context *context) {
     context->dir_device = context->dir_inode = 0;
 }
 
+// Keeps in mind which directory the location led to at first.
+void remember_directory(metadata_v4_context *context) {
+    struct stat status {};
+    if (context->dir_inode == 0 && fstat(context->dir_fd, &status) == 0) {
+        context->dir_device = status.st_dev;
+        context->dir_inode = status.st_ino;
+    }
+}
+
 // Links are followed: a target may be configured through one. But whoever can change a folder on
 // the way can also have it lead elsewhere between two openings, past what was validated at the
 // first.
 bool open_location(metadata_v4_context *context) {
     context->dir_fd = open(context->dir_path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     struct stat status {};
-    if (context->dir_fd < 0 || fstat(context->dir_fd, &status) != 0)
-        return false;
-    if (context->dir_inode == 0 ||
-        (context->dir_inode == status.st_ino && context->dir_device == status.st_dev))
+    if (context->dir_fd < 0 || context->dir_inode == 0)
+        return context->dir_fd >= 0;
+    if (fstat(context->dir_fd, &status) == 0 && context->dir_inode == status.st_ino &&
+        context->dir_device == status.st_dev)
         return true;
     close_one(context->dir_fd);
     errno = ESTALE;
     return false;
-}
-
-void remember_directory(metadata_v4_context *context) {
-    const int saved = errno;
-    struct stat status {};
-    if (context->dir_fd >= 0 && fstat(context->dir_fd, &status) == 0) {
-        context->dir_device = status.st_dev;
-        context->dir_inode = status.st_ino;
-    }
-    errno = saved;
 }
 
 int open_directory_at(int at, const char *name) {
@@ -101,6 +100,7 @@ int metadata_v4_context_open_the_file(metadata_v4_context *context) {
         return -1;
     }
     close_one(context->file_fd);
+    remember_directory(context);
     // O_PATH: no device is opened, no FIFO waited for, and nobody sees a file in use because of it.
     context->file_fd = openat(context->dir_fd, context->file_name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     return context->file_fd < 0 ? -1 : 0;
@@ -123,7 +123,6 @@ int metadata_v4_context_open_file_handles(metadata_v4_context *context) {
 }
 
 void metadata_v4_context_close_file_handles(metadata_v4_context *context) {
-    remember_directory(context);
     close_one(context->metadir_fd);
     close_one(context->file_fd);
     close_one(context->dir_fd);
