@@ -76,8 +76,9 @@ void require(bool holds) {
     std::vector<long> aligned(input.size() / sizeof(long) + 1);
     memcpy(aligned.data(), input.data(), input.size());
     int64_t inode = 0;
-    const auto state = read_socket_answer(reinterpret_cast<const char *>(aligned.data()),
-                                          input.size(), "/run/item.socket", {26, 1234}, inode);
+    const auto state =
+        read_socket_answer(reinterpret_cast<const char *>(aligned.data()), input.size(),
+                           {"/run/item.socket", {26, 1234}, true}, inode);
     require(inode >= 0 && (state != answer_state::more || inode <= UINT32_MAX));
 }
 

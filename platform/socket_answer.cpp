@@ -43,28 +43,30 @@ bound_file read_attributes(const nlmsghdr *message) {
     return bound;
 }
 
-// The attribute decides where a file's device is that of its file system. With subvolumes and
-// overlays it is not: there the name that was given to bind has to lead to the file, or, where that
-// is relative, at least the inode number and the last component agree.
-bool is_bound_to(const bound_file &bound, const std::string &path, const file_identity &file) {
+// The attribute decides, but for subvolumes and overlays: there the name that was given to bind has
+// to lead to the file as well, or, where that is relative, at least the last component agree.
+bool is_bound_to(const bound_file &bound, const socket_file &file) {
     if (bound.name.empty() || bound.name[0] == '\0')
-        return false;                            // not bound to a file
-    const std::string name = bound.name.c_str(); // may come with the NUL that ends it
-    // The kernel's own device number has 20 bits of minor, and of the inode number this is the low
-    // half.
-    const bool same_inode = bound.identity.udiag_vfs_ino == static_cast<uint32_t>(file.inode);
+        return false; // not bound to a file
+    // Of the inode number this is the low half; the kernel's own device number has 20 bits of
+    // minor.
+    if (bound.identity.udiag_vfs_ino != static_cast<uint32_t>(file.identity.inode))
+        return false;
     const uint32_t device = bound.identity.udiag_vfs_dev;
-    if (same_inode && makedev(device >> 20, device & 0xfffff) == file.device)
+    if (makedev(device >> 20, device & 0xfffff) == file.identity.device)
         return true;
+    if (!file.has_own_device)
+        return false;
+    const std::string name = bound.name.c_str(); // may come with the NUL that ends it
     file_identity named{};
-    return name[0] == '/' ? identify(AT_FDCWD, name.c_str(), named) && named == file
-                          : same_inode && last_component(name) == last_component(path);
+    return name[0] == '/' ? identify(AT_FDCWD, name.c_str(), named) && named == file.identity
+                          : last_component(name) == last_component(file.path);
 }
 
 } // namespace
 
-answer_state read_socket_answer(const char *part, size_t size, const std::string &path,
-                                const file_identity &file, int64_t &inode) {
+answer_state read_socket_answer(const char *part, size_t size, const socket_file &file,
+                                int64_t &inode) {
     auto left = static_cast<int64_t>(size); // below 0 after a last message without its padding
     const auto *message = reinterpret_cast<const nlmsghdr *>(part);
     for (; NLMSG_OK(message, left); message = NLMSG_NEXT(message, left)) {
@@ -74,7 +76,7 @@ answer_state read_socket_answer(const char *part, size_t size, const std::string
             message->nlmsg_len < NLMSG_LENGTH(sizeof(unix_diag_msg)))
             return answer_state::unusable;
         const auto *socket = static_cast<const unix_diag_msg *>(NLMSG_DATA(message));
-        if (inode == 0 && can_serve(*socket) && is_bound_to(read_attributes(message), path, file))
+        if (inode == 0 && can_serve(*socket) && is_bound_to(read_attributes(message), file))
             inode = socket->udiag_ino;
     }
     return answer_state::more;

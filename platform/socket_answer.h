@@ -8,13 +8,20 @@
 #include <cstdint>
 #include <string>
 
+// The file that a socket may be bound to.
+struct socket_file {
+    std::string path;
+    file_identity identity;
+    // Subvolumes and overlays: the device is not that of the file system.
+    bool has_own_device;
+};
+
 enum class answer_state { more, complete, unusable };
 
 // Reads one part of the answer, aligned for a netlink header. Sets `inode` to the number of the
-// first socket that serves the file at path, unless it holds one already. Tells whether more parts
+// first socket that serves the file, unless it holds one already. Tells whether more parts
 // follow; a part that is cut short or is no such answer is unusable.
 [[nodiscard]] answer_state read_socket_answer(const char *part, size_t size,
-                                              const std::string &path, const file_identity &file,
-                                              int64_t &inode);
+                                              const socket_file &file, int64_t &inode);
 
 #endif

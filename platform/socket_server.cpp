@@ -5,6 +5,7 @@
 #include "platform/socket_answer.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
 #include <linux/unix_diag.h>
@@ -12,6 +13,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 namespace {
 
@@ -34,16 +36,22 @@ bool request_sockets(int netlink) {
            static_cast<ssize_t>(sizeof(request));
 }
 
+bool has_own_device(const char *path) {
+    struct statfs file_system {};
+    return statfs(path, &file_system) == 0 &&
+           (file_system.f_type == BTRFS_SUPER_MAGIC || file_system.f_type == OVERLAYFS_SUPER_MAGIC);
+}
+
 // The inode number of the first socket that serves the file; 0 when none does, -1 when the kernel
 // does not say.
-int64_t find_server_socket(int netlink, const std::string &path, const file_identity &file) {
+int64_t find_server_socket(int netlink, const socket_file &file) {
     alignas(nlmsghdr) char answer[answer_size];
     int64_t found = 0;
     for (;;) {
         const ssize_t size = TEMP_FAILURE_RETRY(recv(netlink, answer, sizeof(answer), 0));
         if (size <= 0)
             return -1;
-        switch (read_socket_answer(answer, static_cast<size_t>(size), path, file, found)) {
+        switch (read_socket_answer(answer, static_cast<size_t>(size), file, found)) {
         case answer_state::complete:
             return found;
         case answer_state::unusable:
@@ -65,8 +73,8 @@ int32_t get_socket_server_pid(const char *path, int /*flags*/) {
     if (!netlink || fstat(netlink.get(), &socket_file_system) != 0 ||
         !request_sockets(netlink.get()))
         return 0; // not known to be without a server: better an item that waits than one cut short
-    const file_identity identity{file.st_dev, file.st_ino};
-    const int64_t inode = find_server_socket(netlink.get(), path, identity);
+    const int64_t inode =
+        find_server_socket(netlink.get(), {path, {file.st_dev, file.st_ino}, has_own_device(path)});
     if (inode <= 0)
         return inode == 0 ? -1 : 0;
     const pid_t server =
