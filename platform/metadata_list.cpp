@@ -40,6 +40,14 @@ template<typename Action> int guarded(Action action) {
     }
 }
 
+// A list that lost a change for lack of memory is not written: the caller would take it for stored.
+template<typename Action> int change(metadata_v4_metadata_context *list, Action action) {
+    const int result = guarded(action);
+    if (result != 0)
+        list->descriptor = -1;
+    return result;
+}
+
 std::string argument_text(const char *text, size_t length) {
     return length == 0 ? std::string(text) : std::string(text, strnlen(text, length));
 }
@@ -112,7 +120,7 @@ int metadata_v4_metadata_context_set_name_value_pair(metadata_v4_metadata_contex
                                                      int reserved) {
     if (entry == nullptr || name == nullptr || *name == '\0' || value == nullptr || reserved != -1)
         return fail(EINVAL);
-    return guarded([&] {
+    return change(list, [&] {
         // An entry is the first member of its line.
         change_metadata_line(stored(list).text, *reinterpret_cast<metadata_line *>(entry),
                              argument_text(name, name_length), argument_text(value, value_length));
@@ -126,7 +134,7 @@ int metadata_v4_metadata_context_add_name_value_pair(metadata_v4_metadata_contex
                                                      int reserved) {
     if (name == nullptr || *name == '\0' || value == nullptr || reserved != -1)
         return fail(EINVAL);
-    return guarded([&] {
+    return change(list, [&] {
         add_metadata_line(stored(list).text, argument_text(name, name_length),
                           argument_text(value, value_length));
         list->entry_count = stored(list).text.lines.size();

@@ -37,7 +37,7 @@ typedef struct metadata_v4_context {
     char *metadir_name; /* null also when the file name is too long to have a metadata directory */
     int32_t metadir_fd;
     uint8_t flags;
-    /* The library's own: which directory dir_fd was when the handles were closed; 0, 0 before. */
+    /* The library's own: the directory that dir_fd was when the file was first opened in it. */
     uint64_t dir_device;
     uint64_t dir_inode;
 } metadata_v4_context;
@@ -81,8 +81,9 @@ int metadata_v4_context_set_file_location(metadata_v4_context *context, const ch
 int metadata_v4_context_open_the_file(metadata_v4_context *context);
 
 /* Closes what is open and opens the directory, the file and the metadata directory. Fails when the
- * file is not there, and with ESTALE when the directory is another one than that which was open for
- * this location before; it then makes nothing. What was opened before a failure stays open. */
+ * file is not there, and with ESTALE when the directory is another one than that which the
+ * file of this location was first opened in; it then makes nothing. What was opened before a
+ * failure stays open. */
 int metadata_v4_context_open_file_handles(metadata_v4_context *context);
 
 /* Closes every descriptor in the context. Keeps errno. */
@@ -116,7 +117,8 @@ metadata_v4_metadata_entry *
 metadata_v4_metadata_context_read_entry(metadata_v4_metadata_context *list, uint64_t index);
 
 /* Change an entry of the list, or add one at its end. A length of 0 means up to the NUL. The name
- * must not be empty. On failure (-1) the list is unchanged. The last argument must be -1. */
+ * must not be empty. The last argument must be -1. On failure the list is unchanged; where memory
+ * ran out it is no longer bound either, so that it is not stored without the change. */
 int metadata_v4_metadata_context_set_name_value_pair(metadata_v4_metadata_context *list,
                                                      metadata_v4_metadata_entry *entry,
                                                      const char *name, size_t name_length,
