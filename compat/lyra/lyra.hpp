@@ -1,8 +1,8 @@
 // A stand-in for the Lyra command line parser, for builds on machines that have none installed.
 //
 // It holds the pieces that this project uses, under Lyra's names and with the behaviour and the
-// texts of Lyra 1.6: options with a value, flags, a help flag, parsing and the usage text. The
-// sources that include <lyra/lyra.hpp> are the same with either.
+// texts of Lyra 1.6: options with a value, flags, a help flag, positional arguments, parsing and
+// the usage text. The sources that include <lyra/lyra.hpp> are the same with either.
 #ifndef LYRA_LYRA_HPP
 #define LYRA_LYRA_HPP
 
@@ -67,10 +67,12 @@ public:
     }
 
 private:
+    friend class arg;
     friend class cli;
     friend class help;
     friend std::ostream &operator<<(std::ostream &, const class cli &);
 
+    bool is_positional() const { return names_.empty(); }
     bool is_named(const std::string &name) const {
         for (const std::string &own : names_)
             if (own == name)
@@ -81,7 +83,9 @@ private:
         std::string text;
         for (const std::string &name : names_)
             text += (text.empty() ? "" : separator) + name;
-        return hint_.empty() ? text : text + " <" + hint_ + ">";
+        if (!text.empty() && !hint_.empty())
+            text += " ";
+        return hint_.empty() ? text : text + "<" + hint_ + ">";
     }
 
     bool *flag_ = nullptr;
@@ -90,6 +94,21 @@ private:
     std::string description_;
     std::vector<std::string> names_;
     bool ends_parse_ = false; // a help flag: what follows it no longer matters
+};
+
+// A positional argument, which may be left out. The variable belongs to the caller.
+class arg {
+public:
+    arg(std::string &value, std::string hint) : option_(value, std::move(hint)) {}
+
+    arg &operator()(const std::string &description) {
+        option_(description);
+        return *this;
+    }
+
+private:
+    friend class cli;
+    opt option_;
 };
 
 // The help flag, under its three customary names. Seen, it ends the parse with success.
@@ -105,18 +124,21 @@ private:
     opt option_;
 };
 
-// The parser: options in the order in which the usage text shows them, each accepted once.
+// The parser: options and arguments in the order in which the usage text shows them, each accepted
+// once.
 class cli {
 public:
     cli &add_argument(const opt &option) {
         options_.push_back(option);
         return *this;
     }
+    cli &add_argument(const arg &argument) { return add_argument(argument.option_); }
     cli &add_argument(const help &option) {
         description_ = "Display usage information.";
         return add_argument(option.option_);
     }
     cli &operator|=(const opt &option) { return add_argument(option); }
+    cli &operator|=(const arg &argument) { return add_argument(argument); }
     cli &operator|=(const help &option) { return add_argument(option); }
 
     // Sets the bound variables from left to right; those before a faulty argument stay set.
@@ -147,13 +169,28 @@ private:
         return i;
     }
 
-    // One argument: a long option, or a dash and one or more short ones, the last with its value.
+    // Gives a word that is no option to the first positional argument without a value. False when
+    // there is none.
+    bool take_word(const std::string &word, std::vector<bool> &seen) {
+        std::size_t i = 0;
+        while (i < options_.size() && (seen[i] || !options_[i].is_positional()))
+            ++i;
+        if (i == options_.size())
+            return false;
+        seen[i] = true;
+        *options_[i].value_ = word;
+        return true;
+    }
+
+    // One argument: a word, a long option, or a dash and one or more short ones, the last with its
+    // value.
     void parse_one(const std::vector<std::string> &arguments, outcome &at,
                    std::vector<bool> &seen) {
         const std::string &argument = arguments[at.next++];
         const std::string unrecognized = "Unrecognized token: " + argument;
         if (argument.size() < 2 || argument[0] != '-') {
-            at.message = unrecognized;
+            if (!take_word(argument, seen))
+                at.message = unrecognized;
             return;
         }
         const std::size_t delimiter = argument.find_first_of(" =");
@@ -212,6 +249,9 @@ private:
 
 inline cli operator|(cli parser, const opt &option) {
     return std::move(parser |= option);
+}
+inline cli operator|(cli parser, const arg &argument) {
+    return std::move(parser |= argument);
 }
 inline cli operator|(cli parser, const help &option) {
     return std::move(parser |= option);
