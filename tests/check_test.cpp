@@ -1,0 +1,89 @@
+#include "config/configuration_load.h"
+#include "service/main_storage.h"
+#include "tests/support.h"
+#include "tools/check/check.h"
+#include "tools/check/command_line.h"
+#include "tools/check/entry_rules.h"
+
+#include <gtest/gtest.h>
+#include <regex>
+
+namespace {
+
+std::string replaced(const std::string &text, const char *what, const std::string &by) {
+    return std::regex_replace(text, std::regex(what), by);
+}
+
+struct storage {
+    storage() {
+        main_path = fs::canonical(tree.root).string();
+        for (const char *file : {"in/x", "other/x", "out/dir/x", "new/Upload/a/x"})
+            write_file(tree / file, "");
+        for (const char *file : {"bad/ARCHIVE", "Upload/News/x", "Upload/Weather/x", "Play/x"})
+            write_file(tree / file, "");
+        fs::create_directory_symlink("/", tree / "link");
+        configuration_path = tree / "f.toml";
+    }
+    temporary_tree tree;
+};
+
+// What the check of a text, or else of a folder tree, adds to the loader's lines, with '@' for the
+// main storage, which stays as it is.
+std::string check(const storage &main, const std::string &text, const char *dir = nullptr) {
+    configuration.clear();
+    write_file(configuration_path, replaced(text, "@", main_path));
+    const std::string before = tree_of(main.tree.root);
+    const captured_output output;
+    const bool good =
+        dir == nullptr ? check_configuration_file() : check_directory(main.tree / dir);
+    EXPECT_EQ(tree_of(main.tree.root), before);
+    const std::string lines = replaced("\n" + output.text(), main_path.c_str(), "@");
+    EXPECT_EQ(good, lines.find("errors: 0") != std::string::npos) << lines;
+    return replaced(lines, "\n(Added|Warning: Invalid|Entry |  |table array|@)[^\n]*", "");
+}
+
+} // namespace
+
+TEST(check, each_mistake_has_its_line) {
+    const storage main;
+    std::ifstream cases(TEST_CASES "/checks.txt");
+    ASSERT_TRUE(cases.is_open());
+    for (std::string line; std::getline(cases, line);) {
+        if (line[0] == '#')
+            continue;
+        line = replaced(replaced(line, ";", "\n"), "LONG", std::string(220, 'x'));
+        line = replaced(line, R"(\{(\S+) (\S+) (\S+) (\S+)\})",
+                        "[$1]\n'watch path'='@/$2'\n'match pattern'=$3\n'target file'='@/$4'\n");
+        line = replaced(line, "~", "Entry 'event1': ");
+        const size_t arrow = line.find("=> ");
+        EXPECT_EQ(check(main, line.substr(0, arrow)), "\n" + line.substr(arrow + 3) + "\n");
+    }
+}
+
+TEST(check, folder_trees_the_sample_and_mounts) {
+    const storage main;
+    EXPECT_EQ(check(main, "", "new"), "\nEntries: 1, errors: 0, warnings: 0\n");
+    const std::string sample = read_file(TEST_CASES "/../examples/vel4_watch_folder.toml");
+    EXPECT_EQ(check(main, replaced(sample, "/mnt/main", "@")),
+              "\nEntries: 2, errors: 0, warnings: 0\n");
+    entry_facts facts = collect_facts(configuration["event_news"]);
+    facts.target.mount += 1;
+    facts.watch.rename_error = EROFS;
+    const findings found = entry_findings(configuration["event_news"], facts);
+    EXPECT_NE(found.at(0).text.find("cannot rename in watch path"), std::string::npos);
+    EXPECT_NE(found.at(1).text.find("' are on two mounts, "), std::string::npos);
+}
+
+TEST(check, command_line) {
+    const std::pair<std::vector<const char *>, const char *> rows[] = {
+        {{"c", "f"}, "|f "},
+        {{"c", "-d", "t"}, "t| "},
+        {{"c", "f", "g"}, "|f Error in command line: Unrecognized token: g\n"},
+        {{"c", "f", "-dt"}, "t|f Error in command line: Either a directory or a file\n"}};
+    for (const auto &[words, expected] : rows) {
+        std::string dir, file;
+        const captured_output output;
+        parse_check_command_line(static_cast<int>(words.size()), words.data(), dir, file);
+        EXPECT_EQ(dir + "|" + file + " " + output.text(), expected);
+    }
+}
