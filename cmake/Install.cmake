@@ -1,0 +1,21 @@
+# What is installed beside the programs: the unit, the manual, the completion, the examples. Nothing
+# goes to /etc: without a configuration the service says so and ends.
+
+set(VEL4_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING
+    "Where the systemd unit goes; relative to the installation prefix, or absolute")
+configure_file(systemd/vel4_watch_folder_service.service.in vel4_watch_folder_service.service @ONLY)
+configure_file(systemd/directory-mode.conf.in directory-mode.conf @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/vel4_watch_folder_service.service
+        DESTINATION ${VEL4_SYSTEMD_UNIT_DIR})
+
+install(FILES man/vel4_watch_folder_service.8 man/vel4_watch_folder_check.8
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES man/vel4_watch_folder.toml.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+install(FILES examples/vel4_watch_folder.toml ${PROJECT_BINARY_DIR}/directory-mode.conf
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+
+# The completion is found by the name of the command that is completed.
+foreach(program vel4_watch_folder_service vel4_watch_folder_check)
+  install(FILES completion/vel4_watch_folder.bash RENAME ${program}
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+endforeach()
