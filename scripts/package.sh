@@ -24,7 +24,7 @@ package=$(echo "$work"/vel4-watch-folder_*.deb)
 dpkg-deb --info "$package" | sed -n 's/^ \(Version\|Installed-Size\|Depends\): /  &/p'
 
 echo "lintian"
-lintian --pedantic --fail-on error,warning,info,pedantic "$work"/*.changes
+lintian --pedantic --fail-on error,warning,pedantic "$work"/*.changes
 
 dpkg-deb -x "$package" "$work/content"
 if grep -rlF -e "$work" -e "$checkout/" "$work/content"; then
