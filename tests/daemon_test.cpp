@@ -90,6 +90,8 @@ public:
         return error.find(text) != std::string::npos;
     }
 
+    void stop_reading() { error_.reset(); }
+
     // The exit status, once everything that it wrote is in `out` and `error`.
     int finish() {
         while (read_more(error_, error) || read_more(out_, out)) {
@@ -221,6 +223,7 @@ TEST_F(Daemon, EndsAtOnceWhereItCannotStart) {
 
 TEST_F(Daemon, RunsFromTheConfigurationFileUntilItIsStopped) {
     write_file(config_path, entry_of("event1", "/mnt/main/play/t.wav") + "[[event]]\n");
+    write_file(pid_path, "a stale and longer text");
     write_file("/mnt/main/play/t.wav", "old");
     write_file("/mnt/main/event1/new.wav", "new");
     daemon_process daemon({});
@@ -268,6 +271,7 @@ TEST_F(Daemon, WorksOnAFolderTree) {
     const pid_t pid = daemon.pid;
     ASSERT_TRUE(daemon.wait_for("already=0\n")) << daemon.error;
     ASSERT_TRUE(daemon.wait_for("in use")) << daemon.error;
+    daemon.stop_reading(); // the list of descriptors goes to nobody, which ends nothing
     kill(pid, SIGQUIT);
     EXPECT_EQ(daemon.finish(), 0);
     EXPECT_EQ(daemon.out, "watching /mnt/main\n");

@@ -1,11 +1,8 @@
 #include "platform/metadata_v4.h"
 #include "platform/proc_tables.h"
-#include "platform/process_util.h"
 #include "platform/procfs.h"
 #include "tests/support.h"
 
-#include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <memory>
@@ -190,17 +187,13 @@ TEST(MetadataFile, PlantedThingsAreNeitherFollowedNorWaitedForNorOverwritten) {
     }
 }
 
-TEST(MetadataContext, OpensAndMakesOnlyWhatItShould) {
+TEST(MetadataContext, MakesAMetadataDirectoryOnlyBesideAFile) {
     const size_t before = open_descriptors();
     {
         item_fixture item(false);
         auto *context = item.context.get();
-        EXPECT_LT(metadata_v4_context_open_file_handles(context), 0) << "no metadata directory";
+        EXPECT_LT(metadata_v4_context_open_file_handles(context), 0) << "not asked for";
         context->flags |= METADATA_V4_CREATE_METADIR;
-        fs::remove(item.tree / "item");
-        EXPECT_LT(metadata_v4_context_open_file_handles(context), 0) << "no media file";
-        EXPECT_EQ(tree_of(item.tree.root), "");
-        write_file(item.tree / "item", "media");
         fs::create_directory_symlink("/tmp", item.metadir);
         EXPECT_LT(metadata_v4_context_open_file_handles(context), 0) << "a planted link";
         fs::remove(item.metadir);
@@ -208,45 +201,34 @@ TEST(MetadataContext, OpensAndMakesOnlyWhatItShould) {
         const auto list = new_list();
         EXPECT_LT(load(list, item.context, 0), 0) << "no metadata file yet";
         EXPECT_EQ(load(list, item.context, 1), 0);
-        EXPECT_GE(list->descriptor, 0);
+        fs::rename(item.tree / "item", item.tree / "gone");
+        fs::remove(item.metadir);
+        EXPECT_LT(metadata_v4_context_open_file_handles(context), 0) << "no media file";
+        EXPECT_EQ(tree_of(item.tree.root), "gone=media\n");
+        EXPECT_EQ(metadata_v4_context_set_file_location(context, "a"), 0);
+        EXPECT_EQ(context->dir_path + std::string(context->file_name), ".a");
+        EXPECT_EQ(metadata_v4_context_set_file_location(context, "/a"), 0);
+        EXPECT_EQ(context->dir_path + std::string(context->file_name), "/a");
+        for (const char *path : {"", "a/", "a/.."}) {
+            EXPECT_LT(metadata_v4_context_set_file_location(context, path), 0) << path;
+            EXPECT_EQ(context->dir_path, nullptr) << path;
+        }
     }
     EXPECT_EQ(open_descriptors(), before);
-
-    const auto context = new_context();
-    const struct {
-        const char *path, *directory, *name;
-    } rows[] = {{"/a/b", "/a", "b"}, {"/b", "/", "b"}, {"b", ".", "b"},   {"a//b", "a/", "b"},
-                {"", "-", "-"},      {"a/", "-", "-"}, {"a/..", "-", "-"}};
-    for (const auto &row : rows) {
-        const int result = metadata_v4_context_set_file_location(context.get(), row.path);
-        EXPECT_EQ(result == 0, *row.name != '-') << row.path;
-        EXPECT_EQ(shown(context->dir_path), row.directory) << row.path;
-        EXPECT_EQ(shown(context->file_name), row.name) << row.path;
-    }
 }
 
-TEST(PathInUse, ComparesTheFileAndNotItsName) {
-    temporary_tree tree;
-    write_file(tree / "file", "x");
-    fs::create_hard_link(tree / "file", tree / "hard");
-    fs::create_symlink(tree / "file", tree / "soft");
-    write_file(tree / "other", "x");
-    const auto in_use = [&](const char *name) {
-        return procfs_path_in_use((tree / name).c_str(), nullptr, 0, 0);
-    };
-    const unique_fd own(open((tree / "file").c_str(), O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(in_use("file"), 0) << "the service's own descriptor";
-    EXPECT_EQ(in_use("missing"), 0);
-    {
-        const child_process holder([] {}); // inherits the descriptor
-        for (const char *name : {"file", "hard", "soft"})
-            EXPECT_EQ(in_use(name), 1) << name;
-        EXPECT_EQ(in_use("other"), 0);
-        procfs_path_in_use_info info{};
-        EXPECT_EQ(procfs_path_in_use((tree / "file").c_str(), &info, 1, 0), 1);
-        EXPECT_EQ(info.pid, holder.pid);
-    }
-    EXPECT_EQ(in_use("file"), 0);
+TEST(PathInUse, TheServicesOwnDescriptorsDoNotCount) {
+    const temporary_tree tree;
+    const std::string file = tree / "file", soft = tree / "soft";
+    write_file(file, "x");
+    fs::create_symlink(file, soft);
+    EXPECT_EQ(procfs_path_in_use((tree / "missing").c_str(), nullptr, 0, 0), 0);
+    const unique_fd own(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(procfs_path_in_use(soft.c_str(), nullptr, 0, 0), 0);
+    const child_process holder([] {}); // inherits the descriptor
+    procfs_path_in_use_info info{};
+    EXPECT_EQ(procfs_path_in_use(soft.c_str(), &info, 1, 0), 1);
+    EXPECT_EQ(info.pid, holder.pid);
 }
 
 TEST(ProcTables, AreReadAsTheKernelWritesThem) {
@@ -296,35 +278,4 @@ TEST(SocketServer, IsFoundByTheBoundFile) {
         EXPECT_TRUE(fs::is_socket(path));
         EXPECT_EQ(get_socket_server_pid(path.c_str(), 1), -1) << "the server is gone";
     }
-}
-
-TEST(ProcessUtil, UnblocksTheCommonSignalsAndListsDescriptors) {
-    sigset_t all, now;
-    sigfillset(&all);
-    sigprocmask(SIG_SETMASK, &all, nullptr);
-    util_check_and_unmask_common_signals();
-    sigprocmask(SIG_SETMASK, nullptr, &now);
-    for (const int number : {SIGHUP, SIGINT, SIGTERM, SIGQUIT})
-        EXPECT_EQ(sigismember(&now, number), 0) << number;
-    EXPECT_EQ(sigismember(&now, SIGUSR1), 1);
-    sigemptyset(&all);
-    sigprocmask(SIG_SETMASK, &all, nullptr);
-    raise(SIGPIPE); // ignored, or this ends here
-
-    temporary_tree tree;
-    write_file(tree / "held", "");
-    const unique_fd held(open((tree / "held").c_str(), O_RDONLY | O_CLOEXEC));
-    char *text = nullptr;
-    size_t size = 0;
-    unique_file stream(open_memstream(&text, &size));
-    const size_t count = open_descriptors() - 1; // less the one that counting takes
-    fd_debug_dump_open_files(stream.get());
-    stream.reset();
-    const std::string lines(text, size);
-    free(text);
-    EXPECT_NE(
-        lines.find("fd " + std::to_string(held.get()) + ": " + (tree / "held").string() + "\n"),
-        std::string::npos)
-        << lines;
-    EXPECT_EQ(static_cast<size_t>(std::count(lines.begin(), lines.end(), '\n')), count);
 }

@@ -4,7 +4,6 @@
 #include "service/command_line.h"
 #include "service/main_loop.h"
 #include "service/main_storage.h"
-#include "service/single_instance.h"
 #include "tests/support.h"
 
 #include <csignal>
@@ -172,21 +171,4 @@ TEST(Signals, TheTenthStopSignalAborts) {
         raise(number);
     EXPECT_EQ(stop_count, 9U);
     EXPECT_EXIT(raise(SIGINT), testing::KilledBySignal(SIGABRT), "");
-}
-
-TEST(SingleInstance, OneProcessHoldsTheLockAndWritesItsPid) {
-    EXPECT_FALSE(service_already_running());
-    EXPECT_FALSE(service_already_running()) << "held by this process";
-    close(std::exchange(instance_lock_fd, -1));
-    instance_lock_held = false;
-    const child_process other([] { service_already_running(); });
-    EXPECT_TRUE(service_already_running());
-
-    const temporary_tree tree;
-    pid_file_path = tree / "pid";
-    write_file(pid_file_path, "a stale and longer text");
-    EXPECT_TRUE(write_pid_file());
-    EXPECT_EQ(read_file(pid_file_path), std::to_string(getpid()) + "\n");
-    remove_pid_file();
-    EXPECT_EQ(tree_of(tree.root), "");
 }
