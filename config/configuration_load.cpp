@@ -9,6 +9,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <utility>
 
 using std::string;
 
@@ -50,12 +51,12 @@ void read_patterns(const cpptoml::table &table, std::vector<RegexState> &pattern
                 patterns.emplace_back(item_text->c_str());
 }
 
-void add_event_array(const cpptoml::table_array &tables) {
+void add_event_array(cpptoml::table_array &tables) {
     diag("table array\n");
     unsigned int index = 0;
-    for (const auto &table : tables) {
+    for (auto &slot : tables) {
         const string name = "eventarrayitem" + std::to_string(index++);
-        if (table != nullptr)
+        if (const auto table = std::exchange(slot, nullptr))
             add_event_table(name, table);
     }
 }
@@ -101,7 +102,10 @@ bool load_configuration() {
         diag("%s: did not return anything\n", configuration_path.c_str());
         return false;
     }
-    for (const auto &[key, element] : *root) {
+    for (auto &[key, slot] : *root) {
+        // Each table is released when it has been added: the file and the registry need not be in
+        // memory as a whole at once.
+        const auto element = std::exchange(slot, nullptr);
         if (key.compare(0, strlen(event_prefix), event_prefix) != 0 || element == nullptr)
             continue;
         if (key == event_prefix && element->is_table_array())
