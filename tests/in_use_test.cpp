@@ -12,7 +12,7 @@
 namespace {
 
 void hold_mapped(const char *file) {
-    mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, unique_fd(open(file, O_RDONLY)).get(), 0);
+    (void)mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, unique_fd(open(file, O_RDONLY)).get(), 0);
 }
 void hold_in_thread(const char *file) {
     std::atomic<bool> held = false;

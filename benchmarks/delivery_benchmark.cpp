@@ -1,0 +1,149 @@
+// The delivery of one file that replaces another, metadata on both, against the bare renames, opens
+// and metadata file calls that it takes.
+#include "benchmarks/measure.h"
+#include "compat/handles.h"
+#include "delivery/deliver_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr char new_name[] = "clip.mxf";
+
+// A target in place and a new file, both with a number of metadata entries.
+struct replacement : work_folder {
+    explicit replacement(int64_t entries) {
+        for (int64_t i = 1; i < entries; ++i)
+            metadata += "key " + std::to_string(i) + "=some value\n";
+        metadata += "original filename=morning.mxf\n";
+        entry.name = "event";
+        entry.watch_path = root / "watch";
+        entry.target_file = root / "target" / "news.mxf";
+    }
+    void prepare() const {
+        fs::remove_all(root / "watch");
+        fs::remove_all(root / "target");
+        write_text(root / "watch" / new_name, "new");
+        write_text(root / "watch" / ".clip.mxf.metadir" / "metadata", metadata);
+        write_text(root / "target" / "news.mxf", "old");
+        write_text(root / "target" / ".news.mxf.metadir" / "metadata", metadata);
+    }
+    std::string metadata;
+    WatchEntry entry;
+};
+
+std::string read_metadata(int metadir) {
+    const unique_fd fd(openat(metadir, "metadata", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    fstat(fd.get(), &status);
+    std::string text(static_cast<size_t>(status.st_size) + 1, '\0');
+    text.resize(static_cast<size_t>(read(fd.get(), text.data(), text.size())));
+    char end = 0;
+    (void)!read(fd.get(), &end, 1);
+    return text;
+}
+
+void write_metadata(int metadir, const std::string &text) {
+    const unique_fd fd(
+        openat(metadir, ".new", O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    (void)!fchown(fd.get(), 0, 0);
+    fchmod(fd.get(), 0644);
+    (void)!write(fd.get(), text.data(), text.size());
+    fsync(fd.get());
+    renameat(metadir, ".new", metadir, "metadata");
+    fsync(metadir);
+}
+
+int open_directory(int at, const char *name) {
+    return openat(at, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+void bare_delivery(int watch, int target, const char *target_path) {
+    const unique_fd file(openat(target, "news.mxf", O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    unique_fd metadir(open_directory(target, ".news.mxf.metadir"));
+    struct stat status {};
+    fstatat(metadir.get(), ".media.item.active.socket", &status, AT_SYMLINK_NOFOLLOW);
+    mkdirat(target, "ARCHIVE", 0755);
+    unique_fd archive(open_directory(target, "ARCHIVE"));
+    read_metadata(metadir.get());
+    fstatat(archive.get(), "morning.mxf", &status, AT_SYMLINK_NOFOLLOW);
+    renameat(target, "news.mxf", archive.get(), "morning.mxf");
+    renameat(target, ".news.mxf.metadir", archive.get(), ".morning.mxf.metadir");
+    archive.reset();
+    renameat(watch, new_name, target, "news.mxf");
+    renameat(watch, ".clip.mxf.metadir", target, ".news.mxf.metadir");
+    const unique_fd reopened(open_directory(AT_FDCWD, target_path));
+    const unique_fd delivered(openat(target, "news.mxf", O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    metadir.reset(open_directory(reopened.get(), ".news.mxf.metadir"));
+    write_metadata(metadir.get(), read_metadata(metadir.get()));
+}
+
+void delivery_service(benchmark::State &state) {
+    const replacement files(state.range(0));
+    unique_dir watch;
+    std::unique_ptr<ItemContext> target;
+    measure_cpu(
+        state,
+        [&] {
+            files.prepare();
+            watch.reset(opendir(files.entry.watch_path.c_str()));
+            target = std::make_unique<ItemContext>();
+            target->set_file_location(files.entry.target_file);
+            target->open_directory();
+        },
+        [&] {
+            deliver_file(watch.get(), new_name, *target, files.entry);
+            target.reset();
+        });
+    if (!fs::exists(files.root / "target" / "ARCHIVE" / "morning.mxf"))
+        state.SkipWithError("nothing was delivered");
+}
+
+// The lines that tell of each entry of the old and of the new item, one write a line.
+void write_entry_lines(const std::string &metadata) {
+    for (int item = 0; item < 2; ++item)
+        for (size_t begin = 0; begin < metadata.size(); begin = metadata.find('\n', begin) + 1)
+            (void)!write(STDERR_FILENO, metadata.data() + begin,
+                         metadata.find('\n', begin) + 1 - begin);
+}
+
+void measure_bare_delivery(benchmark::State &state, bool writes_lines) {
+    const replacement files(state.range(0));
+    const std::string target_path = files.root / "target";
+    unique_fd watch, target;
+    measure_cpu(
+        state,
+        [&] {
+            files.prepare();
+            watch.reset(open_directory(AT_FDCWD, files.entry.watch_path.c_str()));
+            target.reset(open_directory(AT_FDCWD, target_path.c_str()));
+        },
+        [&] {
+            bare_delivery(watch.get(), target.get(), target_path.c_str());
+            if (writes_lines)
+                write_entry_lines(files.metadata);
+            target.reset();
+        });
+}
+
+void delivery_floor(benchmark::State &state) {
+    measure_bare_delivery(state, false);
+}
+
+void delivery_floor_and_lines(benchmark::State &state) {
+    measure_bare_delivery(state, true);
+}
+
+// Metadata entries.
+void sizes(benchmark::internal::Benchmark *benchmark) {
+    for (const int entries : {1, 10, 100, 1000})
+        benchmark->Arg(entries);
+    benchmark->UseManualTime()->Unit(benchmark::kMicrosecond);
+}
+
+BENCHMARK(delivery_service)->Apply(sizes);
+BENCHMARK(delivery_floor)->Apply(sizes);
+BENCHMARK(delivery_floor_and_lines)->Apply(sizes);
+
+} // namespace

@@ -1,0 +1,110 @@
+// Is a file in use? The service's answer, the walk alone, what the kernel needs at least, and
+// fuser.
+#include "benchmarks/measure.h"
+#include "compat/handles.h"
+#include "platform/process_walk.h"
+#include "platform/procfs.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+extern char **environ;
+
+namespace {
+
+struct one_file : work_folder {
+    one_file() { write_text(path, "x"); }
+    std::string path = root / "file";
+};
+
+// Counts a number of answers as one iteration; the clock would show in a single short one.
+constexpr int answers = 100;
+
+void ask(benchmark::State &state, const std::string &path, int expected) {
+    procfs_path_in_use_info info{};
+    int wrong = 0;
+    measure_cpu(
+        state, [] {},
+        [&] {
+            for (int i = 0; i < answers; ++i)
+                wrong += procfs_path_in_use(path.c_str(), &info, 1, 0) == expected ? 0 : 1;
+        });
+    if (wrong > 0)
+        state.SkipWithError("wrong answer");
+}
+
+void in_use_free(benchmark::State &state) {
+    const one_file file;
+    ask(state, file.path, 0);
+}
+
+void in_use_held(benchmark::State &state) {
+    const one_file file;
+    unique_fd held(open(file.path.c_str(), O_RDONLY | O_CLOEXEC));
+    const pid_t holder = fork();
+    if (holder == 0)
+        for (;;)
+            pause();
+    held.reset();
+    ask(state, file.path, 1);
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+}
+
+void in_use_floor(benchmark::State &state) {
+    const one_file file;
+    measure_cpu(
+        state, [] {},
+        [&] {
+            for (int i = 0; i < answers; ++i) {
+                const unique_fd fd(open(file.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+                fcntl(fd.get(), F_SETSIG, SIGURG);
+                fcntl(fd.get(), F_SETLEASE, F_WRLCK);
+                fcntl(fd.get(), F_SETLEASE, F_UNLCK);
+            }
+        });
+}
+
+void in_use_walk(benchmark::State &state) {
+    const one_file file;
+    const unique_fd fd(open(file.path.c_str(), O_PATH | O_CLOEXEC));
+    pid_t found = 0;
+    measure_cpu(
+        state, [] {}, [&] { found = find_process_using_file(fd.get()); });
+    if (found != 0)
+        state.SkipWithError("wrong answer");
+}
+
+double cpu_seconds_of_children() {
+    rusage usage{};
+    getrusage(RUSAGE_CHILDREN, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+void in_use_fuser(benchmark::State &state) {
+    const one_file file;
+    for (auto _ : state) {
+        const double start = cpu_seconds_of_children();
+        const char *const arguments[] = {"fuser", "-s", file.path.c_str(), nullptr};
+        pid_t process = 0;
+        int status = 0;
+        if (posix_spawnp(&process, "fuser", nullptr, nullptr, const_cast<char **>(arguments),
+                         environ) != 0 ||
+            waitpid(process, &status, 0) != process || !WIFEXITED(status) ||
+            WEXITSTATUS(status) != 1)
+            state.SkipWithError("fuser, of the package psmisc, did not answer");
+        state.SetIterationTime(cpu_seconds_of_children() - start);
+    }
+}
+
+BENCHMARK(in_use_free)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(in_use_held)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(in_use_floor)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(in_use_walk)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(in_use_fuser)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+} // namespace
