@@ -8,4 +8,4 @@ cd "$(dirname "$0")/.."
 install_packages "${test_packages[@]}"
 folder=${1:-build}
 build_in "$folder"
-FAULTS=all "$folder/tests/fault_test"
+FAULTS=all scripts/own_processes.sh "$folder/tests/fault_test"

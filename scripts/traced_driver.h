@@ -6,6 +6,7 @@
 #ifndef SCRIPTS_TRACED_DRIVER_H
 #define SCRIPTS_TRACED_DRIVER_H
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -40,6 +41,43 @@ struct traced_fault {
     traced_call at;
 };
 
+// The errors that can happen to a call.
+inline std::vector<int> errors_that_fit(const traced_call &call) {
+    static const std::map<long, std::vector<int>> known = {
+        {SYS_openat, {EIO, ENOSPC, EDQUOT, EACCES, EMFILE, ENOMEM, EROFS, EINTR, ESTALE}},
+        {SYS_renameat, {EIO, ENOSPC, EDQUOT, EACCES, ENOMEM, EROFS, EXDEV, ESTALE}},
+        {SYS_mkdirat, {EIO, ENOSPC, EDQUOT, EACCES, ENOMEM, EROFS, ESTALE}},
+        {SYS_write, {EIO, ENOSPC, EDQUOT, EINTR, cut_short}},
+        {SYS_pwritev2, {EIO, ENOSPC, EDQUOT, EINTR, EPIPE, EAGAIN, EOPNOTSUPP}},
+        {SYS_read, {EIO, EINTR, ENOMEM, ESTALE, cut_short}},
+        {SYS_fsync, {EIO, ENOSPC, EDQUOT, EINTR, EROFS}},
+        {SYS_close, {EIO, EINTR}},
+        {SYS_getppid, {ENOMEM}}, // stands before every allocation of the driver
+        {SYS_brk, {ENOMEM}},
+        {SYS_mmap, {ENOMEM}},
+    };
+    const auto row = known.find(call.number);
+    return row != known.end() ? row->second : std::vector<int>{EIO, EACCES, ENOMEM, ESTALE, EINTR};
+}
+
+// An allocation is no call of its own to be killed at.
+inline std::vector<int> kill_at(const traced_call &call) {
+    return std::vector<int>(call.number == SYS_getppid ? 0 : 1, killed);
+}
+
+// All calls, but of those that look at other processes, hundreds alike, a part that thins out.
+inline std::vector<traced_call> sampled(const std::vector<traced_call> &calls) {
+    std::vector<traced_call> chosen;
+    for (const traced_call &call : calls) {
+        unsigned int position = 1;
+        while (position < call.nth)
+            position += 1 + position / 8;
+        if (!call.in_proc || position == call.nth)
+            chosen.push_back(call);
+    }
+    return chosen;
+}
+
 class traced_driver {
 public:
     // Starts the driver on root/watch and root/target/news.mxf; its standard error is appended to
@@ -73,13 +111,12 @@ public:
         is_alive_ = is_alive_ && WIFSTOPPED(status_) && WSTOPSIG(status_) == SIGSTOP;
     }
 
-    // One pass with a fault. Returns the calls it made, without those of the stop itself; `came`
-    // tells whether the call of the fault was among them.
-    std::vector<traced_call> pass_with(const traced_fault &fault, bool &came) {
+    // One pass with a fault. Returns the calls it made, without those of the stop itself; sets
+    // `came` when the call of the fault was among them.
+    std::vector<traced_call> pass_with(const traced_fault &fault, bool *came = nullptr) {
         std::vector<traced_call> calls;
         std::map<std::pair<long, bool>, unsigned int> seen;
         unsigned int renames = 0;
-        came = false;
         while (go_on(PTRACE_SYSCALL)) {
             const user_regs_struct regs = registers();
             const auto number = static_cast<long>(regs.orig_rax);
@@ -89,7 +126,8 @@ public:
             if (number != SYS_kill && number != SYS_getpid)
                 calls.push_back(now);
             if (is_hit(fault, now)) {
-                came = true;
+                if (came != nullptr)
+                    *came = true;
                 make_happen(fault.what, regs);
             } else {
                 go_on(PTRACE_SYSCALL); // to the end of the call
