@@ -18,7 +18,7 @@ git ls-files -z | tar -c --null -T - | tar -x -C "$work/source"
 
 echo "Building the package"
 (cd "$work/source" &&
-  DEB_BUILD_OPTIONS="nocheck parallel=$(nproc)" dpkg-buildpackage -us -uc -b) >"$work/log" 2>&1 ||
+  DEB_BUILD_OPTIONS="parallel=$(nproc)" dpkg-buildpackage -us -uc -b) >"$work/log" 2>&1 ||
   { cat "$work/log"; exit 1; }
 package=$(echo "$work"/vel4-watch-folder_*.deb)
 dpkg-deb --info "$package" | sed -n 's/^ \(Version\|Installed-Size\|Depends\): /  &/p'
