@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -44,5 +45,7 @@ int main(int argc, char **argv) {
     }
     for (const pid_t child : children)
         kill(child, SIGKILL);
+    while (wait(nullptr) > 0) {
+    }
     return children.size() == static_cast<size_t>(processes) ? 0 : 1;
 }

@@ -118,13 +118,38 @@ bool is_path_descriptor(const walk &walk, const std::string &task, const char *d
     return flags && (*flags & O_PATH) != 0;
 }
 
+// The number of descriptors in an opened /proc/PID/fd; 0 where the kernel, one before 6.2, does not
+// tell.
+uint64_t descriptor_count(int directory) {
+    struct statx status {};
+    return statx(directory, "", AT_EMPTY_PATH, STATX_SIZE, &status) == 0 ? status.stx_size : 0;
+}
+
+// Most processes have the lowest numbers in use, without a gap. As long as that goes, the names
+// need not be listed, which saves a third of the time.
 bool has_open(const walk &walk, const std::string &task) {
     const unique_fd descriptors = open_directory(walk.proc, task + "/fd");
-    return descriptors && any_number(descriptors.get(), [&](const char *descriptor) {
-               file_identity open_file{};
-               return identify(descriptors.get(), descriptor, open_file) &&
-                      open_file == walk.file && !is_path_descriptor(walk, task, descriptor);
-           });
+    if (!descriptors)
+        return false;
+    bool is_open = true;
+    const auto holds = [&](const char *descriptor) {
+        file_identity open_file{};
+        is_open = identify(descriptors.get(), descriptor, open_file);
+        return is_open && open_file == walk.file && !is_path_descriptor(walk, task, descriptor);
+    };
+    const uint64_t count = descriptor_count(descriptors.get());
+    uint64_t seen = 0;
+    for (; seen < count; ++seen) {
+        if (holds(std::to_string(seen).c_str()))
+            return true;
+        if (!is_open)
+            break;
+    }
+    if (count > 0 && seen == count)
+        return false;
+    if (seen > 0) // the position in this directory is the number of a descriptor, plus 2
+        lseek(descriptors.get(), static_cast<off_t>(seen) + 2, SEEK_SET);
+    return any_number(descriptors.get(), holds);
 }
 
 enum class memory {
