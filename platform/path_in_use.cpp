@@ -1,6 +1,7 @@
 #include "platform/procfs.h"
 
 #include "compat/handles.h"
+#include "platform/own_descriptors.h"
 #include "platform/process_walk.h"
 #include "platform/write_lease.h"
 

@@ -11,7 +11,7 @@
 #include <sys/types.h>
 
 // Both functions below give the id of a process other than the service; 0 when there is none, -1
-// with errno when the process file system cannot be listed. They hold three descriptors.
+// with errno when the process file system cannot be listed. They hold four descriptors.
 
 // A process that uses the file of an O_PATH descriptor: it, or a thread that has descriptors of its
 // own, has it open, has it mapped, though its descriptor may be closed, or runs it. A descriptor
@@ -20,9 +20,5 @@ pid_t find_process_using_file(int path_fd);
 
 // A process that has the file open, for what can be neither mapped nor run.
 pid_t find_process_with_open_file(const file_identity &file);
-
-// Has the service itself the file of an O_PATH descriptor open, with anything but O_PATH? True also
-// when that cannot be told. Holds one descriptor.
-bool service_has_open(int path_fd);
 
 #endif
