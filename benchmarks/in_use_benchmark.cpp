@@ -11,8 +11,6 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-extern char **environ;
-
 namespace {
 
 struct one_file : work_folder {
@@ -88,7 +86,7 @@ double cpu_seconds_of_children() {
 
 void in_use_fuser(benchmark::State &state) {
     const one_file file;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         const double start = cpu_seconds_of_children();
         const char *const arguments[] = {"fuser", "-s", file.path.c_str(), nullptr};
         pid_t process = 0;

@@ -21,7 +21,7 @@ inline double cpu_seconds() {
 // Runs prepare, which is not counted, and run, of which the CPU time is, once an iteration.
 template<typename Prepare, typename Run>
 void measure_cpu(benchmark::State &state, Prepare prepare, Run run) {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         prepare();
         const double start = cpu_seconds();
         run();

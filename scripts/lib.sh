@@ -22,7 +22,7 @@ install_packages() {
 build_packages=(g++ cmake ninja-build libpcre3-dev libcpptoml-dev libboost-filesystem-dev
   libboost-system-dev)
 test_packages=("${build_packages[@]}" libgtest-dev)
-check_packages=(clang-format clang-tidy clang)
+check_packages=(clang-format clang-tidy clang libbenchmark-dev)
 
 # Configures and builds a build folder; the rest of the arguments go to the configuration. A folder that
 # was configured with another generator keeps it.
