@@ -15,18 +15,22 @@ const std::string old_media = "the old media", new_media = "the new media";
 const std::string old_metadata = "original filename=morning.mxf\ncodec=a\\nb\n";
 const std::string new_metadata = "title=evening\n\nno value\n";
 const std::string recorded = "original filename=clip.mxf\n";
-const std::string in_place = "target/news.mxf";
+const std::string in_place = "target/news.mxf", original_place = "target/ARCHIVE/morning.mxf";
 
 std::string metadata_of(const fs::path &file) {
     return file.parent_path() / ("." + file.filename().string() + ".metadir/metadata");
 }
 
-// A whole replacement, or a first file that brought no metadata.
-void plant(const fs::path &root, bool is_replacement) {
+// A first file that brought no metadata, a whole replacement, or one whose archive name is taken.
+enum delivery { first, replacement, replacement_of_namesake };
+
+void plant(const fs::path &root, delivery kind) {
     fs::create_directories(root / "target");
     write_file(root / "watch/clip.mxf", new_media);
-    if (!is_replacement)
+    if (kind == first)
         return;
+    if (kind == replacement_of_namesake)
+        write_file(root / original_place, "archived before");
     write_file(root / metadata_of("watch/clip.mxf"), new_metadata);
     write_file(root / in_place, old_media);
     write_file(root / metadata_of(in_place), old_metadata);
@@ -44,14 +48,14 @@ std::string place_of(const fs::path &root, const std::string &content) {
 
 // Both files and every metadata list are there, whole and once. Returns what an operator would have
 // to see to, were this the end of the delivery.
-std::set<std::string> expect_whole(const fs::path &root, bool is_replacement, bool has_ended) {
+std::set<std::string> expect_whole(const fs::path &root, delivery kind, bool has_ended) {
     std::set<std::string> left;
     SCOPED_TRACE(tree_of(root));
     const std::string new_file = place_of(root, new_media), old_file = place_of(root, old_media);
     EXPECT_TRUE(new_file == in_place || (!has_ended && new_file == "watch/clip.mxf")) << new_file;
     if (read_file(root / metadata_of(in_place)).find(recorded) == std::string::npos)
         left.insert("name not recorded");
-    if (!is_replacement)
+    if (kind == first)
         return left;
     const bool is_archived = fs::path(old_file).parent_path() == "target/ARCHIVE";
     EXPECT_TRUE(is_archived || (!has_ended && old_file == in_place)) << old_file;
@@ -65,7 +69,7 @@ std::set<std::string> expect_whole(const fs::path &root, bool is_replacement, bo
         left.insert("new metadata not fetched");
     else if (new_list != metadata_of(in_place))
         left.insert("new metadata archived");
-    if (old_file != "target/ARCHIVE/morning.mxf")
+    if (place_of(root, kind == replacement ? old_media : "archived before") != original_place)
         left.insert("archived under another name");
     return left;
 }
@@ -87,24 +91,24 @@ bool is_explained(const std::string &left, const traced_fault &fault, const std:
 }
 
 // A fault in one pass, two passes more, and one more delivery.
-void run_one(bool is_replacement, const traced_fault &fault,
+void run_one(delivery kind, const traced_fault &fault,
              std::map<std::string, unsigned int> &counts) {
-    SCOPED_TRACE(testing::Message() << is_replacement << ", system call " << fault.at.number
-                                    << " no. " << fault.at.nth << ": " << fault.what);
+    SCOPED_TRACE(testing::Message() << kind << ", system call " << fault.at.number << " no. "
+                                    << fault.at.nth << ": " << fault.what);
     const temporary_tree tree;
-    plant(tree.root, is_replacement);
+    plant(tree.root, kind);
     std::optional<traced_driver> driver(std::in_place, DRIVER, tree.root);
     const size_t descriptors = driver->descriptors();
     bool came = false;
     driver->pass_with(fault, &came);
     ++counts[came ? "runs" : "calls that did not come"];
     EXPECT_EQ(driver->is_alive(), !came || fault.what != killed);
-    expect_whole(tree.root, is_replacement, false);
+    expect_whole(tree.root, kind, false);
     if (!driver->is_alive())
         driver.emplace(DRIVER, tree.root);
     driver->pass();
     driver->pass();
-    for (const std::string &what : expect_whole(tree.root, is_replacement, true)) {
+    for (const std::string &what : expect_whole(tree.root, kind, true)) {
         EXPECT_TRUE(is_explained(what, fault, read_file(tree / "errors"))) << what;
         ++counts[what];
     }
@@ -117,22 +121,22 @@ void run_one(bool is_replacement, const traced_fault &fault,
     EXPECT_EQ(driver->descriptors(), descriptors);
 }
 
-std::vector<traced_call> record(bool is_replacement) {
+std::vector<traced_call> record(delivery kind) {
     const temporary_tree tree;
-    plant(tree.root, is_replacement);
+    plant(tree.root, kind);
     const auto calls = traced_driver(DRIVER, tree.root).pass_with({no_fault, {}});
-    EXPECT_TRUE(expect_whole(tree.root, is_replacement, true).empty());
+    EXPECT_TRUE(expect_whole(tree.root, kind, true).empty());
     return calls;
 }
 
 void run_all(bool kills, unsigned int part) {
     std::map<std::string, unsigned int> counts;
     unsigned int turn = 0;
-    for (const bool is_replacement : {true, false})
-        for (const traced_call &call : sampled(record(is_replacement)))
+    for (const delivery kind : {first, replacement, replacement_of_namesake})
+        for (const traced_call &call : sampled(record(kind)))
             for (const int what : kills ? kill_at(call) : errors_that_fit(call))
                 if (turn++ % part == 0 || what == cut_short || getenv("FAULTS") != nullptr)
-                    run_one(is_replacement, {what, call}, counts);
+                    run_one(kind, {what, call}, counts);
     EXPECT_GT(counts["runs"], turn / part / 2);
     for (const auto &[what, count] : counts)
         std::cout << what << ": " << count << "\n";
@@ -148,7 +152,7 @@ TEST(Faults, KilledAtEveryCall) {
 
 // What no fault shows without a crash of the machine: both syncs, around the rename.
 TEST(Faults, MetadataIsSyncedBeforeAndAfterItsRename) {
-    const std::vector<traced_call> calls = record(true);
+    const std::vector<traced_call> calls = record(replacement);
     size_t last = calls.size() - 2;
     while (last > 1 && calls[last].number != SYS_renameat)
         --last;
