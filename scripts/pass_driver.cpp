@@ -16,6 +16,19 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+// There when coverage is measured.
+extern "C" void __gcov_dump() __attribute__((weak));
+
+namespace {
+
+void end(int /*signal_number*/) {
+    if (__gcov_dump != nullptr)
+        __gcov_dump();
+    _exit(0);
+}
+
+} // namespace
+
 #ifndef __SANITIZE_ADDRESS__
 extern "C" void *__libc_malloc(size_t size);
 
@@ -31,6 +44,7 @@ int main(int argc, char **argv) {
     if (argc < 4)
         return 2;
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGTERM, end);
     bound_standard_error();
     main_path = realpath_string(argv[1]);
     WatchEntry &entry = configuration["event"];
