@@ -76,8 +76,8 @@ bool fill(int fd, const std::string &text, const metadata_file_owner &owner) {
 
 bool read_metadata_file(int metadir_fd, std::string &text, metadata_file_owner &owner) {
     owner = {};
-    const unique_fd fd(
-        openat(metadir_fd, metadata_file_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const unique_fd fd(openat(metadir_fd, metadata_file_name,
+                              O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
     if (!fd || fstat(fd.get(), &status) != 0)
         return false;
