@@ -15,6 +15,7 @@
 #include <map>
 #include <string>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <vector>
 
@@ -130,6 +131,7 @@ public:
             abort();
         pid = fork();
         if (pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL); // also where the test is ended from outside
             start();
             close(ready[1]);
             close(ready[0]);
