@@ -2,11 +2,15 @@
 
 #include "compat/handles.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdarg>
 #include <cstdint>
 #include <ctime>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -15,12 +19,13 @@ namespace {
 constexpr int longest_wait_ms = 1000;
 
 bool is_socket = false;
+bool asks_first = false; // it would wait, so a write must not be tried before there is room
 bool reader_is_away = false;
 char last_written = '\n';
 
-// A descriptor on the pipe of standard error that does not block. It is an opening of its own: the
-// flag stays off those that other processes have.
-unique_fd reopen_pipe() {
+// A descriptor on the pipe or terminal of standard error that does not block. It is an opening of
+// its own: the flag stays off those that other processes have.
+unique_fd reopen_without_blocking() {
     return unique_fd(open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
@@ -42,7 +47,29 @@ bool wait_for_room(int most_ms) {
     return false;
 }
 
+// Bytes that the reader has not taken yet.
+int queued() {
+    int count = 0;
+    return ioctl(STDERR_FILENO, is_socket ? SIOCOUTQ : FIONREAD, &count) == 0 ? count : 0;
+}
+
+// A reader that takes something, however little, is not away: there is room for a poll only when a
+// page of a pipe, or most of a socket, is free.
+bool wait_for_reader() {
+    const int before = queued();
+    for (const int64_t end = now_ms() + longest_wait_ms; now_ms() < end;)
+        if (wait_for_room(longest_wait_ms / 10) || queued() < before)
+            return true;
+    return false;
+}
+
 ssize_t write_some(const char *text, size_t size) {
+    if (asks_first && !wait_for_room(0)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    if (asks_first)
+        return write(STDERR_FILENO, text, std::min<size_t>(size, PIPE_BUF));
     return is_socket ? send(STDERR_FILENO, text, size, MSG_DONTWAIT | MSG_NOSIGNAL)
                      : write(STDERR_FILENO, text, size);
 }
@@ -61,7 +88,7 @@ bool write_bounded(const char *text, size_t size) {
             size -= static_cast<size_t>(count);
         } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
             return false;
-        } else if (errno == EAGAIN && !wait_for_room(longest_wait_ms)) {
+        } else if (errno == EAGAIN && !wait_for_reader()) {
             reader_is_away = true;
             return false;
         }
@@ -96,9 +123,12 @@ void bound_standard_error() {
     if (fstat(STDERR_FILENO, &status) != 0)
         return;
     is_socket = S_ISSOCK(status.st_mode);
-    const unique_fd pipe = S_ISFIFO(status.st_mode) ? reopen_pipe() : unique_fd();
-    if (!is_socket && (!pipe || dup2(pipe.get(), STDERR_FILENO) < 0))
-        return; // it has no reader who could stop, or it may not be opened again
+    if (!is_socket) {
+        if (!S_ISFIFO(status.st_mode) && isatty(STDERR_FILENO) == 0)
+            return; // it has no reader who could stop
+        const unique_fd reopened = reopen_without_blocking();
+        asks_first = !reopened || dup2(reopened.get(), STDERR_FILENO) < 0;
+    }
     FILE *bounded = fopencookie(nullptr, "w", {nullptr, write_piece, nullptr, nullptr});
     if (bounded == nullptr)
         return;

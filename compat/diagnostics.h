@@ -7,10 +7,10 @@
 // Formats like printf and writes the text, which carries its own newline, in one go. Keeps errno.
 void diag(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// From here on, what is printed to stderr waits for its reader a second at most: when a pipe or a
-// socket is full and nobody reads for that long, lines are lost, without a wait, until it is read
-// again. A slow reader loses nothing. A pipe is opened again for that; the flags of descriptors
-// that other processes share stay as they are. Where that is not allowed, nothing changes.
+// From here on, what is printed to stderr waits at most a second for a reader who takes nothing:
+// when a pipe, a socket or a terminal is full for that long, lines are lost, without a wait, until
+// it is read again. A slow reader loses nothing. A pipe or terminal is opened again for that; the
+// flags of descriptors that other processes share stay as they are.
 void bound_standard_error();
 
 #endif

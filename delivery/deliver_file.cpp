@@ -73,6 +73,19 @@ bool move_file(const item_place &from, const item_place &to) {
     return move(from.dir_fd, from.file, to.dir_fd, to.file);
 }
 
+// The same for the item in place. Should the archive directory have been removed since it was
+// opened, that is ENOENT as well: the file that is there still must not be replaced.
+bool archive_file(const item_place &from, const item_place &to) {
+    if (renameat(from.dir_fd, from.file.c_str(), to.dir_fd, to.file.c_str()) == 0)
+        return true;
+    const int error = errno;
+    struct stat status {};
+    const bool is_there = error != ENOENT || fstatat(from.dir_fd, from.file.c_str(), &status,
+                                                     AT_SYMLINK_NOFOLLOW) == 0;
+    errno = error;
+    return !is_there;
+}
+
 bool move_metadata(const item_place &from, const item_place &to) {
     return from.metadir.empty() || to.metadir.empty() ||
            move(from.dir_fd, from.metadir, to.dir_fd, to.metadir);
@@ -107,7 +120,7 @@ bool archive_item(const item_place &in_place, unique_fd archive, const ItemConte
     const item_place archived =
         place_of(archive.get(), choose_archive_name(archive.get(), target, list));
     bool moved = true;
-    if (!move_file(in_place, archived)) {
+    if (!archive_file(in_place, archived)) {
         diag("Cannot move ARCHIVE file into directory, %s\n", strerror(errno));
         moved = false;
     }

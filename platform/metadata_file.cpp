@@ -85,7 +85,7 @@ bool read_metadata_file(int metadir_fd, std::string &text, metadata_file_owner &
         return fail(EINVAL);
     if (status.st_size > static_cast<off_t>(metadata_size_limit))
         return fail(EFBIG);
-    owner = {true, status.st_mode & 07777, status.st_uid, status.st_gid};
+    owner = {true, status.st_mode & 0777, status.st_uid, status.st_gid};
     return read_all(fd.get(), static_cast<size_t>(status.st_size), text);
 }
 

@@ -20,7 +20,7 @@ int procfs_path_in_use(const char *path, procfs_path_in_use_info *info, unsigned
     // O_PATH: no device is opened, no FIFO waited for, and the descriptor is no use of the file.
     const unique_fd file(open(path, O_PATH | O_CLOEXEC));
     if (!file)
-        return errno == ENOENT || errno == ENOTDIR ? 0 : -1;
+        return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? 0 : 1;
     const lease_answer answer = ask_for_write_lease(file.get());
     if (answer == lease_answer::unused)
         return 0;
@@ -30,5 +30,5 @@ int procfs_path_in_use(const char *path, procfs_path_in_use_info *info, unsigned
     const pid_t holder = find_process_using_file(file.get());
     if (holder > 0 && wants_process)
         info[0].pid = holder;
-    return holder > 0 ? 1 : holder;
+    return holder == 0 ? 0 : 1;
 }

@@ -39,6 +39,12 @@ bool is_refusal(int error) {
     return error == EACCES || error == EPERM;
 }
 
+// Not the process, the service or the machine is short of something: what cannot be looked at
+// counts as held, since a file that waits is better than one cut short.
+bool is_shortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
 // Calls visit(name) for each entry whose name is a number until it returns true, and returns
 // whether one did. Reading stops at an error, which for a process means that it has gone.
 template<typename Visit> bool any_number(int directory, Visit visit) {
@@ -130,7 +136,7 @@ uint64_t descriptor_count(int directory) {
 bool has_open(const walk &walk, const std::string &task) {
     const unique_fd descriptors = open_directory(walk.proc, task + "/fd");
     if (!descriptors)
-        return false;
+        return is_shortage(errno);
     bool is_open = true;
     const auto holds = [&](const char *descriptor) {
         file_identity open_file{};
@@ -172,7 +178,9 @@ memory look_at_memory(const walk &walk, const std::string &task) {
     // process that has ended may be asked by anybody.
     const unique_fd mappings(openat(walk.proc, (task + "/maps").c_str(), O_RDONLY | O_CLOEXEC));
     if (!mappings)
-        return is_refusal(errno) ? memory::refused : memory::none;
+        return is_shortage(errno)  ? memory::with_file
+               : is_refusal(errno) ? memory::refused
+                                   : memory::none;
     std::optional<bool> found = query_mappings(mappings.get(), walk.mapped, walk.file);
     if (!found)
         found = any_lines(mappings.get(), [&walk](std::string_view lines) {

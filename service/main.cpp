@@ -8,6 +8,7 @@
 #include "service/main_loop.h"
 #include "service/single_instance.h"
 
+#include <csignal>
 #include <fcntl.h>
 #include <iostream>
 #include <sys/stat.h>
@@ -21,6 +22,13 @@ void open_standard_descriptors() {
     for (int fd = 0; fd <= 2; ++fd)
         if (fcntl(fd, F_GETFD) < 0)
             open("/dev/null", O_RDWR); // the lowest free number, which is fd
+}
+
+// A reader that has gone, or a limit on the size of files, is an error of the write and not the
+// end.
+void ignore_signals_of_writes() {
+    for (const int signal_number : {SIGPIPE, SIGXFSZ})
+        signal(signal_number, SIG_IGN);
 }
 
 bool is_regular_file(const std::string &path) {
@@ -50,6 +58,7 @@ std::optional<int> load_registry(const std::string &watch_folder_dir) {
 
 int main(int argc, char **argv) {
     open_standard_descriptors();
+    ignore_signals_of_writes();
     bound_standard_error();
     std::string watch_folder_dir;
     if (const auto status = parse_command_line(argc, argv, watch_folder_dir))

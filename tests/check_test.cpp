@@ -22,6 +22,8 @@ struct storage {
         for (const char *file : {"bad/ARCHIVE", "Upload/News/x", "Upload/Weather/x", "Play/x"})
             write_file(tree / file, "");
         fs::create_directory_symlink("/", tree / "link");
+        write_file(tree / "dangling/x", "");
+        fs::create_symlink("gone", tree / "dangling/ARCHIVE");
         configuration_path = tree / "f.toml";
     }
     temporary_tree tree;

@@ -15,7 +15,10 @@
 uint64_t monotonic_clock_us(void) {
     return 183020443512;
 }
+fs::path removed_at_capture; // an empty folder that goes away between the opening of ARCHIVE and
+                             // the moves
 extern "C" time_t time(time_t *) noexcept {
+    rmdir(removed_at_capture.c_str());
     return 1706715902;
 }
 
@@ -89,6 +92,18 @@ TEST(DeliverFile, RefusesAFileInUse) {
         EXPECT_EQ(deliver(tree / "watch", tree / "play/t", "n"), line);
         EXPECT_EQ(tree_of(tree.root), before);
     }
+}
+
+TEST(DeliverFile, ReplacesNothingThatCouldNotBeArchived) {
+    const temporary_tree tree;
+    write_file(tree / "play/t", "old");
+    write_file(tree / "watch/n", "new");
+    removed_at_capture = tree / "play/ARCHIVE";
+    const std::string lines = deliver(tree / "watch", tree / "play/t", "n");
+    removed_at_capture.clear();
+    EXPECT_NE(lines.find("Cannot move ARCHIVE file into directory, No such file or directory\n"),
+              std::string::npos);
+    EXPECT_EQ(tree_of(tree.root), "play/t=old\nwatch/n=new\n");
 }
 
 TEST(DeliverFile, DoesNotCopyAcrossFileSystems) {

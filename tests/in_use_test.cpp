@@ -7,6 +7,7 @@
 #include <atomic>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <thread>
 
 namespace {
@@ -67,6 +68,23 @@ TEST(InUse, TheLeaseAndTheWalkSeeEveryWayToHoldAFile) {
         }
         EXPECT_EQ(find_process_using_file(path.get()) + in_use(file.c_str(), 0), 0) << way.name;
     }
+}
+
+TEST(InUse, WhatCannotBeToldIsInUse) {
+    const temporary_tree tree;
+    const std::string file = tree / "file";
+    write_file(file, "");
+    const child_process holder([&] { hold_mapped(file.c_str()); });
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlim_t open_now = open_descriptors() - 1;
+    for (rlim_t more = 0; more < 5; ++more) {
+        const rlimit few{open_now + more, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &few);
+        EXPECT_EQ(procfs_path_in_use(file.c_str(), nullptr, 0, 0), 1) << more;
+    }
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(procfs_path_in_use((tree / std::string(300, 'n')).c_str(), nullptr, 0, 0), 1);
 }
 
 TEST(InUse, AnOpenerThatBreaksTheLeaseEndsNothing) {

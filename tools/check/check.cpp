@@ -14,6 +14,8 @@
 
 namespace {
 
+constexpr size_t enough = 10; // findings about one entry
+
 void append(findings &list, findings more) {
     std::move(more.begin(), more.end(), std::back_inserter(list));
 }
@@ -27,7 +29,8 @@ findings check_entries(const event_tables &tables, const std::vector<known_entry
     for (auto later = entries.begin(); later != entries.end(); ++later) {
         findings &list = by_name[later->entry->name];
         append(list, entry_findings(*later->entry, later->facts));
-        for (auto earlier = entries.begin(); earlier != later; ++earlier)
+        // Thousands of entries on one folder are one mistake.
+        for (auto earlier = entries.begin(); earlier != later && list.size() < enough; ++earlier)
             append(list, pair_findings(*earlier, *later));
     }
     findings all;

@@ -74,6 +74,9 @@ entry_facts collect_facts(const WatchEntry &entry) {
         return facts;
     facts.archive = facts_of(open_directory_at(target_fd.get(), "ARCHIVE").get());
     struct stat status {};
+    if (facts.archive.open_error == ENOENT &&
+        fstatat(target_fd.get(), "ARCHIVE", &status, AT_SYMLINK_NOFOLLOW) == 0)
+        facts.archive.open_error = ENOTDIR; // a link to nothing, which the service cannot make anew
     if (fstatat(target_fd.get(), target.file_name(), &status, AT_SYMLINK_NOFOLLOW) == 0)
         facts.target_mode = status.st_mode;
     return facts;
