@@ -26,7 +26,7 @@ std::string entries_of(const metadata_text &text) {
 [[maybe_unused]] void metadata(const std::string &input) {
     metadata_text text = parse_metadata(input);
     assert(metadata_to_text(text) == input);
-    const std::string name = "a=\\" + std::string(input.c_str()).substr(0, 9) + "\n";
+    const std::string name = "a=\\" + input.substr(0, strnlen(input.c_str(), 9)) + "\n";
     if (!text.lines.empty())
         change_metadata_line(text, text.lines[input.size() % text.lines.size()], name, &input[0]);
     add_metadata_line(text, name, "\n\\");

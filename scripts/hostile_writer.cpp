@@ -35,7 +35,8 @@ void make_socket(const std::string &path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address));
+    static_cast<void>(
+        bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)));
 }
 
 std::string any_text() {

@@ -124,7 +124,7 @@ void run_one(delivery kind, const traced_fault &fault,
 std::vector<traced_call> record(delivery kind) {
     const temporary_tree tree;
     plant(tree.root, kind);
-    const auto calls = traced_driver(DRIVER, tree.root).pass_with({no_fault, {}});
+    auto calls = traced_driver(DRIVER, tree.root).pass_with({no_fault, {}});
     EXPECT_TRUE(expect_whole(tree.root, kind, true).empty());
     return calls;
 }
