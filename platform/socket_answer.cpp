@@ -57,7 +57,8 @@ bool is_bound_to(const bound_file &bound, const socket_file &file) {
         return true;
     if (!file.has_own_device)
         return false;
-    const std::string name = bound.name.c_str(); // may come with the NUL that ends it
+    std::string name = bound.name;
+    name.resize(strlen(name.c_str())); // it may come with the NUL that ends it
     file_identity named{};
     return name[0] == '/' ? identify(AT_FDCWD, name.c_str(), named) && named == file.identity
                           : last_component(name) == last_component(file.path);
