@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The manual has each line that the service prints, in the words of the source, and its transcript and
-# its sample configuration are those of docs/ and examples/.
+# its sample configuration are those of the README and of examples/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,10 +15,11 @@ done < <(grep -ohE '(diag\(|syslog\([A-Z_]+, |fprintf\((out|stream), )"[^"]*"' \
   {compat,platform,config,watch,delivery,service}/*.cpp |
   sed -E 's/^[^"]*" *([^"]*)"$/\1/; s/\\n$//; s/%\.\*s/%s/; s/^ *(Watch|Target|Match pattern|Pattern|Ready|Entry)\b.*/\1/')
 
-# The lines of the first block that fences enclose, or that a man page shows as they are.
-if ! diff <(sed -n '/^```$/,/^```$/{/^```$/!p};/^# its own/q' docs/log.md) \
+# The lines of the first block of a section that fences enclose, or that a man page shows as they are.
+if ! diff <(sed -n '/^## The log/,/^## After/p' README.md |
+  sed -n '/^```$/,/^```$/{/^```$/!p};/^# its own/q') \
   <(sed -n '/^\.Bd -literal$/,/^\.Ed$/{/^\./!p};/^# its own/q' "$page"); then
-  echo "The transcripts of docs/log.md and $page differ"
+  echo "The transcripts of README.md and $page differ"
   status=1
 fi
 if ! diff examples/vel4_watch_folder.toml \
