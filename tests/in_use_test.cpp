@@ -97,7 +97,7 @@ TEST(InUse, AnOpenerThatBreaksTheLeaseEndsNothing) {
                 close(open(file.c_str(), O_RDONLY | O_CLOEXEC));
         }).detach();
     });
-    for (int leases = 0; leases < 500;)
+    for (int leases = 0; leases < 20000;)
         leases += in_use(file.c_str(), 0) == 0 ? 1 : 0;
 }
 
