@@ -219,6 +219,9 @@ TEST_F(Daemon, EndsAtOnceWhereItCannotStart) {
         EXPECT_EQ(daemon.error, row.error) << row.why;
         EXPECT_EQ(log_records(daemon.pid), "") << row.why;
     }
+    daemon_process unread({"-d", "/mnt/x"});
+    unread.stop_reading(); // a reader who has gone is no reason to die of a signal
+    EXPECT_EQ(unread.finish(), 1);
 }
 
 TEST_F(Daemon, RunsFromTheConfigurationFileUntilItIsStopped) {
