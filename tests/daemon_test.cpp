@@ -63,6 +63,7 @@ public:
             closefrom(3);
             sigset_t all;
             sigfillset(&all);
+            sigdelset(&all, SIGPIPE); // blocked, it could not show that it is ignored
             sigprocmask(SIG_BLOCK, &all, nullptr);
             execv(argv[0], argv.data());
             abort();
