@@ -3,6 +3,7 @@
 #include "config/configuration_load.h"
 #include "config/watch_entry.h"
 #include "platform/metadata_text.h"
+#include "platform/proc_tables.h"
 #include "platform/socket_answer.h"
 #include "service/command_line.h"
 #include "tests/support.h"
@@ -10,6 +11,7 @@
 #include <cassert>
 #include <cstring>
 #include <iostream>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -51,7 +53,7 @@ std::string entries_of(const metadata_text &text) {
 // Arguments that end in NUL: what is taken for the directory is one of them, or the end of one.
 [[maybe_unused]] void command_line(const std::string &input) {
     std::vector<const char *> arguments = {"program"};
-    for (size_t at = 0; at < input.size(); at += strlen(&input[at]) + 1)
+    for (size_t at = 0; at < input.size() && arguments.size() < 9; at += strlen(&input[at]) + 1)
         arguments.push_back(&input[at]);
     std::string directory;
     std::cout.setstate(std::ios::failbit);
@@ -70,6 +72,19 @@ std::string entries_of(const metadata_text &text) {
         read_socket_answer(reinterpret_cast<const char *>(aligned.data()), input.size(),
                            {"/run/item.socket", {26, 1234}, true}, inode);
     assert(inode >= 0 && (state != answer_state::more || inode <= UINT32_MAX));
+}
+
+// A table is read piece by piece: a line is found whatever stands before it.
+[[maybe_unused]] void process_tables(const std::string &input) {
+    const file_identity file{makedev(0xfe, 0x1a), 4711};
+    const file_identity no_file{makedev(0xfff, 0xfffff), 1};
+    assert(maps_file(input + "\n7f-80 r--p 00 fe:1a 4711    /a", file));
+    assert(device_of_mount(input + "\n7777777 1 0:5 /", 7777777));
+    assert(parse_descriptor_info(input + "\nino:\t9").inode == 9U);
+    const size_t half = input.rfind('\n', input.size() / 2) + 1; // 0 without one
+    const std::string_view lines = input;
+    assert(maps_file(lines, no_file) ==
+           (maps_file(lines.substr(0, half), no_file) || maps_file(lines.substr(half), no_file)));
 }
 
 } // namespace

@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 install_packages "${test_packages[@]}" clang
 seconds=${1:-10}
 shift || true
-[ $# -gt 0 ] || set -- metadata configuration_file command_line socket_answer
+[ $# -gt 0 ] || set -- metadata configuration_file command_line socket_answer process_tables
 folder=build-fuzz
 build_in "$folder" -DVEL4_FUZZ=ON -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo
 for target in "$@"; do
