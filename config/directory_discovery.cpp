@@ -8,7 +8,7 @@
 namespace {
 
 // Why an operation failed, without the paths that the exception's own text carries.
-std::string reason(const std::exception &error) {
+const char *reason(const std::exception &error) {
     const auto *known = dynamic_cast<const boost::filesystem::filesystem_error *>(&error);
     return known == nullptr ? error.what() : strerror(known->code().value());
 }
@@ -19,7 +19,7 @@ void make_play_folder(const std::string &play_root, bool &failed) {
         boost::filesystem::create_directory(play_root);
     } catch (const std::exception &error) {
         if (!failed)
-            diag("Warning: cannot create '%s', %s\n", play_root.c_str(), reason(error).c_str());
+            diag("Warning: cannot create '%s', %s\n", play_root.c_str(), reason(error));
         failed = true;
     }
 }
@@ -27,7 +27,12 @@ void make_play_folder(const std::string &play_root, bool &failed) {
 } // namespace
 
 watch_registry build_directory_configuration(const std::string &dir) {
-    return discover_watch_folders(dir + "/Upload/", dir + "/Play/");
+    try {
+        return discover_watch_folders(dir + "/Upload/", dir + "/Play/");
+    } catch (const std::exception &error) { // no memory for the two texts
+        diag("Warning: cannot list '%s/Upload/', %s\n", dir.c_str(), reason(error));
+        return {};
+    }
 }
 
 watch_registry discover_watch_folders(const std::string &upload_root,
@@ -49,7 +54,7 @@ watch_registry discover_watch_folders(const std::string &upload_root,
             result[name] = std::move(entry);
         }
     } catch (const std::exception &error) {
-        diag("Warning: cannot list '%s', %s\n", upload_root.c_str(), reason(error).c_str());
+        diag("Warning: cannot list '%s', %s\n", upload_root.c_str(), reason(error));
     }
     return result;
 }

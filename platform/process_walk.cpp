@@ -39,14 +39,18 @@ bool is_refusal(int error) {
     return error == EACCES || error == EPERM;
 }
 
-// Not the process, the service or the machine is short of something: what cannot be looked at
-// counts as held, since a file that waits is better than one cut short.
-bool is_shortage(int error) {
-    return error == EMFILE || error == ENFILE || error == ENOMEM;
+bool has_ended(int error) {
+    return error == ENOENT || error == ESRCH;
+}
+
+// The process neither ended nor refused: the service or the machine is short of something. What
+// could not be looked at counts as held, since a file that waits is better than one cut short.
+bool is_unknown(int error) {
+    return !has_ended(error) && !is_refusal(error);
 }
 
 // Calls visit(name) for each entry whose name is a number until it returns true, and returns
-// whether one did. Reading stops at an error, which for a process means that it has gone.
+// whether one did, or may have.
 template<typename Visit> bool any_number(int directory, Visit visit) {
     alignas(dirent64) char buffer[buffer_size];
     ssize_t size = 0;
@@ -58,7 +62,7 @@ template<typename Visit> bool any_number(int directory, Visit visit) {
             at += item->d_reclen;
         }
     }
-    return false;
+    return size < 0 && !has_ended(errno);
 }
 
 unique_fd open_directory(int at, const std::string &name) {
@@ -66,7 +70,7 @@ unique_fd open_directory(int at, const std::string &name) {
 }
 
 // Calls visit(lines) with one piece of a table after another until it returns true, and returns
-// whether one did. A piece holds whole lines.
+// whether one did, or may have. A piece holds whole lines.
 template<typename Visit> bool any_lines(int table, Visit visit) {
     char buffer[buffer_size]; // longer than the longest line, that of a path full of escapes
     size_t kept = 0;
@@ -79,7 +83,7 @@ template<typename Visit> bool any_lines(int table, Visit visit) {
         kept = whole == 0 && text.size() == sizeof(buffer) ? 0 : text.size() - whole;
         memmove(buffer, buffer + whole, kept);
     }
-    return false;
+    return size < 0 && !has_ended(errno);
 }
 
 template<typename Visit> bool any_lines(int at, const std::string &name, Visit visit) {
@@ -135,13 +139,17 @@ uint64_t descriptor_count(int directory) {
 // need not be listed, which saves a third of the time.
 bool has_open(const walk &walk, const std::string &task) {
     const unique_fd descriptors = open_directory(walk.proc, task + "/fd");
-    if (!descriptors)
-        return is_shortage(errno);
+    if (!descriptors) {
+        if (walk.looks_at_memory && is_refusal(errno))
+            report_blindness(task.c_str(), errno);
+        return is_unknown(errno);
+    }
     bool is_open = true;
     const auto holds = [&](const char *descriptor) {
         file_identity open_file{};
         is_open = identify(descriptors.get(), descriptor, open_file);
-        return is_open && open_file == walk.file && !is_path_descriptor(walk, task, descriptor);
+        return is_open ? open_file == walk.file && !is_path_descriptor(walk, task, descriptor)
+                       : is_unknown(errno);
     };
     const uint64_t count = descriptor_count(descriptors.get());
     uint64_t seen = 0;
@@ -171,14 +179,14 @@ memory look_at_memory(const walk &walk, const std::string &task) {
     if (identify(walk.proc, (task + "/exe").c_str(), program)) {
         if (program == walk.file)
             return memory::with_file;
-    } else if (!is_refusal(errno)) {
+    } else if (has_ended(errno)) {
         return memory::none;
     }
     // Of the two only this is refused for the sake of the memory alone: a kernel thread and a
     // process that has ended may be asked by anybody.
     const unique_fd mappings(openat(walk.proc, (task + "/maps").c_str(), O_RDONLY | O_CLOEXEC));
     if (!mappings)
-        return is_shortage(errno)  ? memory::with_file
+        return is_unknown(errno)   ? memory::with_file
                : is_refusal(errno) ? memory::refused
                                    : memory::none;
     std::optional<bool> found = query_mappings(mappings.get(), walk.mapped, walk.file);
@@ -197,8 +205,9 @@ bool shares_descriptors(const walk &walk, const char *process, const char *threa
 bool has_threads(const walk &walk, const std::string &tasks) {
     struct statx status {};
     constexpr unsigned int links_of_empty_directory = 2;
-    return statx(walk.proc, tasks.c_str(), AT_STATX_DONT_SYNC, STATX_NLINK, &status) == 0 &&
-           status.stx_nlink > links_of_empty_directory + 1;
+    return statx(walk.proc, tasks.c_str(), AT_STATX_DONT_SYNC, STATX_NLINK, &status) == 0
+               ? status.stx_nlink > links_of_empty_directory + 1
+               : is_unknown(errno);
 }
 
 // All threads of a process share its memory, but the first one may have ended and left it.
@@ -207,13 +216,15 @@ bool another_thread_holds(const walk &walk, const char *process, bool memory_is_
     if (!has_threads(walk, tasks))
         return false;
     const unique_fd threads = open_directory(walk.proc, tasks);
-    return threads && any_number(threads.get(), [&](const char *thread) {
-               if (strcmp(thread, process) == 0)
-                   return false;
-               const std::string task = tasks + "/" + thread;
-               return (!shares_descriptors(walk, process, thread) && has_open(walk, task)) ||
-                      (!memory_is_known && look_at_memory(walk, task) == memory::with_file);
-           });
+    if (!threads)
+        return is_unknown(errno);
+    return any_number(threads.get(), [&](const char *thread) {
+        if (strcmp(thread, process) == 0)
+            return false;
+        const std::string task = tasks + "/" + thread;
+        return (!shares_descriptors(walk, process, thread) && has_open(walk, task)) ||
+               (!memory_is_known && look_at_memory(walk, task) == memory::with_file);
+    });
 }
 
 bool holds(const walk &walk, const char *process) {
@@ -253,13 +264,13 @@ pid_t find_process(walk walk) {
     walk.numbers_are_pids = self == std::to_string(getpid());
     if (walk.looks_at_memory)
         check_listing(proc.get());
-    pid_t found = 0;
-    any_number(proc.get(), [&](const char *process) {
+    pid_t found = -1; // stays where the listing broke off
+    const bool may_be_held = any_number(proc.get(), [&](const char *process) {
         if (process != self && holds(walk, process))
             found = to_pid(process);
-        return found != 0;
+        return found > 0;
     });
-    return found;
+    return may_be_held ? found : 0;
 }
 
 } // namespace

@@ -3,10 +3,14 @@
 //
 // pass_driver MAIN WATCH TARGET [PASSES]   without a number, stops itself before every pass.
 //
+// Where there is a MAIN/event.toml, or a MAIN/Upload, every pass begins with a reload or a rescan.
 // Every allocation asks for the parent's number first, so that one can be made to fail like a
 // system call.
 #include "compat/diagnostics.h"
+#include "config/configuration_load.h"
+#include "config/directory_discovery.h"
 #include "config/watch_entry.h"
+#include "service/main_loop.h"
 #include "service/main_storage.h"
 #include "watch/watch_pass.h"
 
@@ -32,11 +36,24 @@ void end(int /*signal_number*/) {
 #ifndef __SANITIZE_ADDRESS__
 extern "C" void *__libc_malloc(size_t size);
 
+extern "C" void *__libc_calloc(size_t count, size_t size);
+
+namespace {
+
+bool has_memory() {
+    const bool has = syscall(SYS_getppid) >= 0;
+    errno = has ? errno : ENOMEM;
+    return has;
+}
+
+} // namespace
+
 extern "C" void *malloc(size_t size) {
-    if (syscall(SYS_getppid) >= 0)
-        return __libc_malloc(size);
-    errno = ENOMEM;
-    return nullptr;
+    return has_memory() ? __libc_malloc(size) : nullptr;
+}
+
+extern "C" void *calloc(size_t count, size_t size) {
+    return has_memory() ? __libc_calloc(count, size) : nullptr;
 }
 #endif
 
@@ -47,6 +64,9 @@ int main(int argc, char **argv) {
     signal(SIGTERM, end);
     bound_standard_error();
     main_path = realpath_string(argv[1]);
+    configuration_path = main_path + "/event.toml";
+    const bool reloads = access(configuration_path.c_str(), F_OK) == 0;
+    const bool rescans = access((main_path + "/Upload").c_str(), F_OK) == 0;
     WatchEntry &entry = configuration["event"];
     entry.name = "event";
     entry.watch_path = argv[2];
@@ -56,6 +76,12 @@ int main(int argc, char **argv) {
     for (long pass = 0; pass != passes; ++pass) {
         if (passes < 0)
             kill(getpid(), SIGSTOP);
+        if (reloads) {
+            configuration.clear();
+            static_cast<void>(try_load_configuration());
+        }
+        if (rescans)
+            configuration = build_directory_configuration(main_path);
         check_watch_entries();
     }
     return 0;

@@ -6,6 +6,7 @@
 #ifndef SCRIPTS_TRACED_DRIVER_H
 #define SCRIPTS_TRACED_DRIVER_H
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -52,6 +53,8 @@ inline std::vector<int> errors_that_fit(const traced_call &call) {
         {SYS_read, {EIO, EINTR, ENOMEM, ESTALE, cut_short}},
         {SYS_fsync, {EIO, ENOSPC, EDQUOT, EINTR, EROFS}},
         {SYS_close, {EIO, EINTR}},
+        {SYS_ioctl, {ENOTTY, EIO}},
+        {SYS_futex, {}},         // a wake-up cannot fail
         {SYS_getppid, {ENOMEM}}, // stands before every allocation of the driver
 #ifdef __SANITIZE_ADDRESS__      // which ends the process when it gets no memory
         {SYS_brk, {}},
@@ -85,11 +88,13 @@ inline std::vector<traced_call> sampled(const std::vector<traced_call> &calls) {
 
 class traced_driver {
 public:
-    // Starts the driver on root/watch and root/target/news.mxf; its standard error is appended to
-    // root/errors. Stopped before its first pass.
-    traced_driver(const char *program, const std::filesystem::path &root) : pid_(fork()) {
+    // Starts the driver on root/watch and root/target/news.mxf, with standard output on a file that
+    // is there; its standard error is appended to root/errors. Stopped before its first pass.
+    traced_driver(const char *program, const std::filesystem::path &root,
+                  const std::filesystem::path &output)
+        : pid_(fork()) {
         if (pid_ == 0)
-            start(program, root);
+            start(program, root, output);
         waitpid(pid_, &status_, 0);
         ptrace(PTRACE_SETOPTIONS, pid_, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
         is_alive_ = true;
@@ -146,7 +151,9 @@ public:
     }
 
 private:
-    [[noreturn]] static void start(const char *program, const std::filesystem::path &root) {
+    [[noreturn]] static void start(const char *program, const std::filesystem::path &root,
+                                   const std::filesystem::path &output) {
+        dup2(open(output.c_str(), O_WRONLY | O_CLOEXEC), 1);
         dup2(open((root / "errors").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), 2);
         ptrace(PTRACE_TRACEME);
         execl(program, program, root.c_str(), (root / "watch").c_str(),
@@ -174,22 +181,28 @@ private:
                (stays ? now.nth >= fault.at.nth : now.nth == fault.at.nth);
     }
 
-    void make_happen(int what, user_regs_struct regs) {
+    void make_happen(int what, const user_regs_struct &regs) {
         if (what == killed) {
             kill(pid_, SIGKILL);
             go_on(PTRACE_SYSCALL);
             return;
         }
-        if (what == cut_short && regs.rdx > 1)
-            regs.rdx = 1;
+        user_regs_struct changed = regs;
+        if (what == cut_short)
+            changed.rdx = std::min(regs.rdx, 1ULL);
+        else if (regs.orig_rax == SYS_brk) // where it fails it tells where memory ends, as for 0
+            changed.rdi = 0;
         else if (regs.orig_rax != SYS_close) // a close that fails has closed all the same
-            regs.orig_rax = ~0ULL;
-        ptrace(PTRACE_SETREGS, pid_, nullptr, &regs);
-        if (!go_on(PTRACE_SYSCALL) || what == cut_short)
+            changed.orig_rax = ~0ULL;
+        ptrace(PTRACE_SETREGS, pid_, nullptr, &changed);
+        if (!go_on(PTRACE_SYSCALL))
             return;
-        regs = registers();
-        regs.rax = static_cast<unsigned long long>(-what);
-        ptrace(PTRACE_SETREGS, pid_, nullptr, &regs);
+        changed = registers();
+        changed.rdi = regs.rdi; // a call leaves its arguments as they were
+        changed.rdx = regs.rdx;
+        if (what != cut_short && regs.orig_rax != SYS_brk)
+            changed.rax = static_cast<unsigned long long>(-what);
+        ptrace(PTRACE_SETREGS, pid_, nullptr, &changed);
     }
 
     bool is_in_proc(int fd) const {

@@ -8,6 +8,8 @@
 #include <iostream>
 #include <optional>
 #include <set>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 namespace {
 
@@ -15,25 +17,45 @@ const std::string old_media = "the old media", new_media = "the new media";
 const std::string old_metadata = "original filename=morning.mxf\ncodec=a\\nb\n";
 const std::string new_metadata = "title=evening\n\nno value\n";
 const std::string recorded = "original filename=clip.mxf\n";
+const std::string marker = "target/.news.mxf.metadir/.media.item.active.socket";
 const std::string in_place = "target/news.mxf", original_place = "target/ARCHIVE/morning.mxf";
 
 std::string metadata_of(const fs::path &file) {
     return file.parent_path() / ("." + file.filename().string() + ".metadir/metadata");
 }
 
-// A first file that brought no metadata, a whole replacement, or one whose archive name is taken.
-enum delivery { first, replacement, replacement_of_namesake };
+enum delivery {
+    first,      // of a file that brought no metadata
+    reloaded,   // the same from a configuration file
+    discovered, // from a folder tree
+    walked,     // with the file open in the service itself, so that no lease answers
+    held,       // and in another process too
+    replacement,
+    replacement_of_namesake, // whose archive name is taken
+    replacement_of_served    // while the item is running
+};
 
 void plant(const fs::path &root, delivery kind) {
     fs::create_directories(root / "target");
     write_file(root / "watch/clip.mxf", new_media);
-    if (kind == first)
+    if (kind == reloaded)
+        write_file(root / "event.toml", "[event]\n'watch path' = '" + root.string() +
+                                            "/watch'\n'match pattern' = ['x', 'mxf$']\n" +
+                                            "'target file' = '" + (root / in_place).string() + "'");
+    if (kind == discovered) {
+        fs::create_directory(root / "Upload");
+        fs::create_directory_symlink("../watch", root / "Upload/news.mxf");
+        fs::create_directory_symlink("target", root / "Play");
+    }
+    if (kind < replacement)
         return;
     if (kind == replacement_of_namesake)
         write_file(root / original_place, "archived before");
     write_file(root / metadata_of("watch/clip.mxf"), new_metadata);
     write_file(root / in_place, old_media);
     write_file(root / metadata_of(in_place), old_metadata);
+    if (kind == replacement_of_served)
+        fs::create_symlink(root / "socket", root / marker);
 }
 
 // The one file with this content; "" when it is not exactly one.
@@ -46,6 +68,31 @@ std::string place_of(const fs::path &root, const std::string &content) {
     return places.size() == 1 ? places[0] : "";
 }
 
+// What keeps the delivery waiting, until it is closed.
+unique_fd begin_use(const fs::path &root, delivery kind) {
+    if (kind == held)
+        return unique_fd(open((root / "watch/clip.mxf").c_str(), O_RDONLY | O_CLOEXEC));
+    if (kind != replacement_of_served)
+        return unique_fd();
+    unique_fd server(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{AF_UNIX, ""};
+    (root / "socket").string().copy(address.sun_path, sizeof(address.sun_path) - 1);
+    EXPECT_EQ(bind(server.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    return server;
+}
+
+// Nothing is touched while the item is in use, unless the service is refused a look at other
+// processes, which it reports, or at the marker.
+void expect_untouched(const fs::path &root, delivery kind, const traced_fault &fault) {
+    if (kind == replacement_of_served &&
+        (fault.at.number == SYS_newfstatat || fault.at.number == SYS_readlinkat ||
+         fault.at.number == SYS_openat))
+        return;
+    const bool is_blind =
+        read_file(root / "errors").find("Warning: a file in use may not be") != std::string::npos;
+    EXPECT_TRUE(is_blind || place_of(root, new_media) == "watch/clip.mxf");
+}
+
 // Both files and every metadata list are there, whole and once. Returns what an operator would have
 // to see to, were this the end of the delivery.
 std::set<std::string> expect_whole(const fs::path &root, delivery kind, bool has_ended) {
@@ -55,7 +102,7 @@ std::set<std::string> expect_whole(const fs::path &root, delivery kind, bool has
     EXPECT_TRUE(new_file == in_place || (!has_ended && new_file == "watch/clip.mxf")) << new_file;
     if (read_file(root / metadata_of(in_place)).find(recorded) == std::string::npos)
         left.insert("name not recorded");
-    if (kind == first)
+    if (kind < replacement)
         return left;
     const bool is_archived = fs::path(old_file).parent_path() == "target/ARCHIVE";
     EXPECT_TRUE(is_archived || (!has_ended && old_file == in_place)) << old_file;
@@ -69,7 +116,8 @@ std::set<std::string> expect_whole(const fs::path &root, delivery kind, bool has
         left.insert("new metadata not fetched");
     else if (new_list != metadata_of(in_place))
         left.insert("new metadata archived");
-    if (place_of(root, kind == replacement ? old_media : "archived before") != original_place)
+    if (place_of(root, kind == replacement_of_namesake ? "archived before" : old_media) !=
+        original_place)
         left.insert("archived under another name");
     return left;
 }
@@ -97,15 +145,21 @@ void run_one(delivery kind, const traced_fault &fault,
                                     << fault.at.nth << ": " << fault.what);
     const temporary_tree tree;
     plant(tree.root, kind);
-    std::optional<traced_driver> driver(std::in_place, DRIVER, tree.root);
+    const fs::path output = kind == walked || kind == held ? tree / "watch/clip.mxf" : "/dev/null";
+    std::optional<traced_driver> driver(std::in_place, DRIVER, tree.root, output);
     const size_t descriptors = driver->descriptors();
     bool came = false;
-    driver->pass_with(fault, &came);
+    {
+        const unique_fd use = begin_use(tree.root, kind);
+        driver->pass_with(fault, &came);
+        if (use)
+            expect_untouched(tree.root, kind, fault);
+    }
     ++counts[came ? "runs" : "calls that did not come"];
-    EXPECT_EQ(driver->is_alive(), !came || fault.what != killed);
+    EXPECT_EQ(driver->is_alive(), !came || fault.what != killed) << read_file(tree / "errors");
     expect_whole(tree.root, kind, false);
     if (!driver->is_alive())
-        driver.emplace(DRIVER, tree.root);
+        driver.emplace(DRIVER, tree.root, "/dev/null");
     driver->pass();
     driver->pass();
     for (const std::string &what : expect_whole(tree.root, kind, true)) {
@@ -124,15 +178,22 @@ void run_one(delivery kind, const traced_fault &fault,
 std::vector<traced_call> record(delivery kind) {
     const temporary_tree tree;
     plant(tree.root, kind);
-    auto calls = traced_driver(DRIVER, tree.root).pass_with({no_fault, {}});
-    EXPECT_TRUE(expect_whole(tree.root, kind, true).empty());
+    const fs::path output = kind == walked || kind == held ? tree / "watch/clip.mxf" : "/dev/null";
+    traced_driver driver(DRIVER, tree.root, output);
+    const unique_fd use = begin_use(tree.root, kind);
+    auto calls = driver.pass_with({no_fault, {}});
+    if (use)
+        EXPECT_EQ(place_of(tree.root, new_media), "watch/clip.mxf");
+    else
+        EXPECT_TRUE(expect_whole(tree.root, kind, true).empty());
     return calls;
 }
 
 void run_all(bool kills, unsigned int part) {
     std::map<std::string, unsigned int> counts;
     unsigned int turn = 0;
-    for (const delivery kind : {first, replacement, replacement_of_namesake})
+    for (const delivery kind : {first, reloaded, discovered, walked, held, replacement,
+                                replacement_of_namesake, replacement_of_served})
         for (const traced_call &call : sampled(record(kind)))
             for (const int what : kills ? kill_at(call) : errors_that_fit(call))
                 if (turn++ % part == 0 || what == cut_short || getenv("FAULTS") != nullptr)
