@@ -64,12 +64,12 @@ bool wait_for_reader() {
 }
 
 ssize_t write_some(const char *text, size_t size) {
-    if (asks_first && !wait_for_room(0)) {
+    if (asks_first) {
+        if (wait_for_room(0))
+            return write(STDERR_FILENO, text, std::min<size_t>(size, PIPE_BUF));
         errno = EAGAIN;
         return -1;
     }
-    if (asks_first)
-        return write(STDERR_FILENO, text, std::min<size_t>(size, PIPE_BUF));
     return is_socket ? send(STDERR_FILENO, text, size, MSG_DONTWAIT | MSG_NOSIGNAL)
                      : write(STDERR_FILENO, text, size);
 }
