@@ -30,7 +30,7 @@ watch_registry build_directory_configuration(const std::string &dir) {
     try {
         return discover_watch_folders(dir + "/Upload/", dir + "/Play/");
     } catch (const std::exception &error) { // no memory for the two texts
-        diag("Warning: cannot list '%s/Upload/', %s\n", dir.c_str(), reason(error));
+        diag("Warning: cannot list '%s', %s\n", dir.c_str(), reason(error));
         return {};
     }
 }
