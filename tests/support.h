@@ -13,6 +13,9 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <numeric>
+#include <set>
+#include <sstream>
 #include <string>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -35,27 +38,41 @@ inline void write_file(const fs::path &path, const std::string &text) {
 // Every file below a folder, sorted, one a line: "name=content", a link "name -> text"; of the
 // folders the empty ones, "name/".
 inline std::string tree_of(const fs::path &root) {
-    std::vector<std::string> lines;
+    std::set<std::string> lines;
     for (const auto &item : fs::recursive_directory_iterator(root)) {
         const std::string name = item.path().lexically_relative(root).string();
         if (item.is_symlink())
-            lines.push_back(name + " -> " + fs::read_symlink(item.path()).string());
-        else if (item.is_directory())
-            fs::is_empty(item) ? lines.push_back(name + "/") : void();
-        else
-            lines.push_back(name + "=" + (item.is_regular_file() ? read_file(item.path()) : "?"));
+            lines.insert(name + " -> " + fs::read_symlink(item.path()).string() + "\n");
+        else if (!item.is_directory())
+            lines.insert(name + "=" + (item.is_regular_file() ? read_file(item.path()) : "?") +
+                         "\n");
+        else if (fs::is_empty(item))
+            lines.insert(name + "/\n");
     }
-    std::sort(lines.begin(), lines.end());
-    std::string text;
-    for (const std::string &line : lines)
-        text += line + "\n";
-    return text;
+    return std::accumulate(lines.begin(), lines.end(), std::string());
 }
 
 inline std::string replaced(std::string text, const std::string &what, const std::string &by) {
     for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size())
         text.replace(at, what.size(), by);
     return text;
+}
+
+// The inverse: makes what such a text shows, in its order, with the folders that lead there. "\2"
+// stands for a newline within a line.
+inline void make_tree(const fs::path &root, const std::string &picture) {
+    std::istringstream lines(picture);
+    for (std::string line; std::getline(lines, line);) {
+        line = replaced(line, "\2", "\n");
+        const size_t arrow = line.find(" -> ");
+        const size_t equals = line.find('=');
+        if (line.back() == '/')
+            fs::create_directories(root / line);
+        else if (arrow != std::string::npos)
+            fs::create_symlink(line.substr(arrow + 4), root / line.substr(0, arrow));
+        else
+            write_file(root / line.substr(0, equals), line.substr(equals + 1));
+    }
 }
 
 // The paragraphs of a case file, but for the first, which says what its marks mean: for each mark
@@ -122,27 +139,27 @@ private:
     unique_fd memory_;
 };
 
-// A child that runs a function and stays until it is destroyed.
+// A child that runs a function, or what that executes, and stays until it is destroyed.
 class child_process {
 public:
     template<typename Start> explicit child_process(Start start) {
         int ready[2];
         if (pipe2(ready, O_CLOEXEC) != 0)
             abort();
+        const unique_fd reader(ready[0]);
+        unique_fd writer(ready[1]);
         pid = fork();
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL); // also where the test is ended from outside
             start();
-            close(ready[1]);
-            close(ready[0]);
+            writer.reset();
             for (;;)
                 pause();
         }
-        close(ready[1]);
+        writer.reset();
         char none = 0;
-        while (read(ready[0], &none, 1) < 0) {
+        while (read(reader.get(), &none, 1) < 0) {
         } // the end of the pipe: start() has returned
-        close(ready[0]);
     }
     child_process(const child_process &) = delete;
     child_process &operator=(const child_process &) = delete;
