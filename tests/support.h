@@ -66,12 +66,12 @@ inline void make_tree(const fs::path &root, const std::string &picture) {
         line = replaced(line, "\2", "\n");
         const size_t arrow = line.find(" -> ");
         const size_t equals = line.find('=');
-        if (line.back() == '/')
-            fs::create_directories(root / line);
-        else if (arrow != std::string::npos)
-            fs::create_symlink(line.substr(arrow + 4), root / line.substr(0, arrow));
-        else
-            write_file(root / line.substr(0, equals), line.substr(equals + 1));
+        const fs::path path = root / line.substr(0, std::min(arrow, equals));
+        fs::create_directories(line.back() == '/' ? path : path.parent_path());
+        if (arrow != std::string::npos)
+            fs::create_symlink(line.substr(arrow + 4), path);
+        else if (equals != std::string::npos)
+            write_file(path, line.substr(equals + 1));
     }
 }
 
