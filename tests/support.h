@@ -67,11 +67,13 @@ inline void make_tree(const fs::path &root, const std::string &picture) {
         const size_t arrow = line.find(" -> ");
         const size_t equals = line.find('=');
         const fs::path path = root / line.substr(0, std::min(arrow, equals));
-        fs::create_directories(line.back() == '/' ? path : path.parent_path());
+        if (equals < arrow) {
+            write_file(path, line.substr(equals + 1));
+            continue;
+        }
+        fs::create_directories(arrow == std::string::npos ? path : path.parent_path());
         if (arrow != std::string::npos)
             fs::create_symlink(line.substr(arrow + 4), path);
-        else if (equals != std::string::npos)
-            write_file(path, line.substr(equals + 1));
     }
 }
 
