@@ -28,24 +28,25 @@ std::string lines_of_scan(const WatchEntry &entry) {
 } // namespace
 
 TEST(FolderScan, ActsOnlyBelowTheMainStorage) {
-    const temporary_tree tree;
-    make_tree(tree.root, "main/watch/\nmain/play/\nmain/out -> ../mainx\nmainx/\n");
-    const std::string root = fs::canonical(tree.root);
-    main_path = root + "/main";
-    const size_t before = open_descriptors();
     const auto cases = read_cases(TEST_CASES "/folder_scans.txt", {});
     EXPECT_GE(cases.size(), 9U);
     for (auto row : cases) {
+        const temporary_tree tree;
+        make_tree(tree.root,
+                  "main/watch/f=\nmain/f=\nmain/play/\nmain/out -> ../mainx\nmainx/f=\n");
+        const std::string root = fs::canonical(tree.root);
+        main_path = root + "/main";
         std::istringstream paths(row['>']);
         std::string watch;
         std::string target;
         paths >> watch >> target;
+        const size_t open_before = open_descriptors();
         const std::string lines =
             lines_of_scan(make_entry("e", root + "/" + watch, root + "/" + target, ""));
         EXPECT_EQ(replaced(lines, root + "/", ""), row['|']) << row['#'];
+        EXPECT_EQ(open_descriptors(), open_before);
     }
     EXPECT_EQ(procfs_fd_realpath(999), "");
-    EXPECT_EQ(open_descriptors(), before);
 }
 
 TEST(FolderScan, PicksOneRegularVisibleMatchingFile) {
