@@ -126,8 +126,6 @@ public:
         fflush(nullptr);
         dup2(memory_.get(), fd_);
     }
-    captured_output(const captured_output &) = delete;
-    captured_output &operator=(const captured_output &) = delete;
     ~captured_output() { dup2(saved_.get(), fd_); }
 
     std::string text() const {
