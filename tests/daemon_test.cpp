@@ -38,8 +38,8 @@ bool enter_namespace() {
 
 const bool has_namespace = enter_namespace();
 
-// A run of the daemon, as a careless parent leaves it: without standard input, signals blocked.
-// What it prints on standard output is appended to /run/out.
+// A run of the daemon as a careless parent starts it, with the signals blocked and standard input
+// closed. What it prints on standard output is appended to /run/out.
 class daemon_process {
 public:
     explicit daemon_process(const std::string &arguments, bool is_read = true) {
@@ -125,7 +125,8 @@ protected:
     void expect_end(daemon_process &daemon, daemon_case &run) const {
         EXPECT_EQ(std::to_string(daemon.finish()) + "\n", run['!']) << run['#'];
         EXPECT_EQ(std::regex_replace(daemon.error, std::regex("pipe:.*"), "a pipe"), run['|']);
-        EXPECT_EQ(replaced(log_records(), std::to_string(daemon.pid()), "PID"), run['~']);
+        const std::string pid = "[" + std::to_string(daemon.pid()) + "]";
+        EXPECT_EQ(replaced(log_records(), pid, "[PID]"), run['~']);
         EXPECT_EQ(tree_of("/run") + tree_of("/mnt/main"), replaced(run['='], "\2", "\n"))
             << run['#'];
     }
