@@ -111,8 +111,10 @@ TEST(MainLoop, KeepsTheGridAndRescansInDirectoryMode) {
                                          190500000, 309500000, 428499999, 428500000};
     const std::string early = "z500000/2 60500000/2 z60500000/2 120500000/2 250500000/2 ";
     configuration = {{"a", {}}, {"b", {}}};
+    const captured_output lines;
     EXPECT_EQ(run_loop("", clock), early + "369500000/2 429500000/2 z");
     EXPECT_EQ(run_loop(tree.root, clock), early + "369500000/1 429500000/1 z");
+    EXPECT_EQ(lines.text().find("main=''"), std::string::npos) << "no check without the storage";
 }
 
 TEST(MainLoop, ManySighupsAreOneReload) {
