@@ -17,46 +17,35 @@ const std::string old_media = "the old media", new_media = "the new media";
 const std::string old_metadata = "original filename=morning.mxf\ncodec=a\\nb\n";
 const std::string new_metadata = "title=evening\n\nno value\n";
 const std::string recorded = "original filename=clip.mxf\n";
-const std::string marker = "target/.news.mxf.metadir/.media.item.active.socket";
 const std::string in_place = "target/news.mxf", original_place = "target/ARCHIVE/morning.mxf";
 
 std::string metadata_of(const fs::path &file) {
     return file.parent_path() / ("." + file.filename().string() + ".metadir/metadata");
 }
 
-enum delivery {
-    first,      // of a file that brought no metadata
-    reloaded,   // the same from a configuration file
-    discovered, // from a folder tree
-    walked,     // with the file open in the service itself, so that no lease answers
-    held,       // and in another process too
-    replacement,
-    replacement_of_namesake, // whose archive name is taken
-    replacement_of_served    // while the item is running
-};
+// A paragraph of the case file.
+using delivery = std::map<char, std::string>;
 
-void plant(const fs::path &root, delivery kind) {
-    fs::create_directories(root / "target");
-    write_file(root / "watch/clip.mxf", new_media);
-    if (kind == reloaded)
-        write_file(root / "event.toml", "[event]\n'watch path' = '" + root.string() +
-                                            "/watch'\n'match pattern' = ['x', 'mxf$']\n" +
-                                            "'target file' = '" + (root / in_place).string() + "'");
-    if (kind == discovered) {
-        fs::create_directory(root / "Upload");
-        fs::create_directory_symlink("../watch", root / "Upload/news.mxf");
-        fs::create_directory_symlink("target", root / "Play");
-    }
-    if (kind < replacement)
-        return;
-    if (kind == replacement_of_namesake)
-        write_file(root / original_place, "archived before");
-    write_file(root / metadata_of("watch/clip.mxf"), new_metadata);
-    write_file(root / in_place, old_media);
-    write_file(root / metadata_of(in_place), old_metadata);
-    if (kind == replacement_of_served)
-        fs::create_symlink(root / "socket", root / marker);
+// What stands in the only line after a mark; "" without one.
+std::string line_after(const delivery &kind, char mark) {
+    const auto found = kind.find(mark);
+    return found == kind.end() ? "" : found->second.substr(0, found->second.size() - 1);
 }
+
+bool starts_with(const delivery &kind, const std::string &text) {
+    return kind.at('+').find(text) != std::string::npos;
+}
+
+// The planted files and the driver before its first pass.
+struct stage {
+    explicit stage(const delivery &kind) {
+        make_tree(tree.root, replaced(kind.at('+'), "@R", tree.root));
+        const std::string own = line_after(kind, '<');
+        driver.emplace(DRIVER, tree.root, own.empty() ? "/dev/null" : tree / own);
+    }
+    temporary_tree tree;
+    std::optional<traced_driver> driver;
+};
 
 // The one file with this content; "" when it is not exactly one.
 std::string place_of(const fs::path &root, const std::string &content) {
@@ -69,40 +58,40 @@ std::string place_of(const fs::path &root, const std::string &content) {
 }
 
 // What keeps the delivery waiting, until it is closed.
-unique_fd begin_use(const fs::path &root, delivery kind) {
-    if (kind == held)
-        return unique_fd(open((root / "watch/clip.mxf").c_str(), O_RDONLY | O_CLOEXEC));
-    if (kind != replacement_of_served)
+unique_fd begin_use(const fs::path &root, const std::string &name) {
+    const std::string path = root / name;
+    if (name.empty())
         return unique_fd();
+    if (fs::exists(path))
+        return unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     unique_fd server(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{AF_UNIX, ""};
-    (root / "socket").string().copy(address.sun_path, sizeof(address.sun_path) - 1);
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
     EXPECT_EQ(bind(server.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
     return server;
 }
 
-// Nothing is touched while the item is in use, unless the service is refused a look at other
+// Nothing is touched while something is in use, unless the service is refused a look at other
 // processes, which it reports, or at the marker.
-void expect_untouched(const fs::path &root, delivery kind, const traced_fault &fault) {
-    if (kind == replacement_of_served &&
-        (fault.at.number == SYS_newfstatat || fault.at.number == SYS_readlinkat ||
-         fault.at.number == SYS_openat))
-        return;
+void expect_untouched(const fs::path &root, const delivery &kind, const traced_fault &fault) {
+    const long call = fault.at.number;
     const bool is_blind =
-        read_file(root / "errors").find("Warning: a file in use may not be") != std::string::npos;
+        starts_with(kind, "active.socket")
+            ? call == SYS_newfstatat || call == SYS_readlinkat || call == SYS_openat
+            : read_file(root / "errors").find("Warning: a file in use") != std::string::npos;
     EXPECT_TRUE(is_blind || place_of(root, new_media) == "watch/clip.mxf");
 }
 
 // Both files and every metadata list are there, whole and once. Returns what an operator would have
 // to see to, were this the end of the delivery.
-std::set<std::string> expect_whole(const fs::path &root, delivery kind, bool has_ended) {
+std::set<std::string> expect_whole(const fs::path &root, const delivery &kind, bool has_ended) {
     std::set<std::string> left;
     SCOPED_TRACE(tree_of(root));
     const std::string new_file = place_of(root, new_media), old_file = place_of(root, old_media);
     EXPECT_TRUE(new_file == in_place || (!has_ended && new_file == "watch/clip.mxf")) << new_file;
     if (read_file(root / metadata_of(in_place)).find(recorded) == std::string::npos)
         left.insert("name not recorded");
-    if (kind < replacement)
+    if (!starts_with(kind, old_media))
         return left;
     const bool is_archived = fs::path(old_file).parent_path() == "target/ARCHIVE";
     EXPECT_TRUE(is_archived || (!has_ended && old_file == in_place)) << old_file;
@@ -116,8 +105,8 @@ std::set<std::string> expect_whole(const fs::path &root, delivery kind, bool has
         left.insert("new metadata not fetched");
     else if (new_list != metadata_of(in_place))
         left.insert("new metadata archived");
-    if (place_of(root, kind == replacement_of_namesake ? "archived before" : old_media) !=
-        original_place)
+    const std::string first = "archived before";
+    if (place_of(root, starts_with(kind, first) ? first : old_media) != original_place)
         left.insert("archived under another name");
     return left;
 }
@@ -139,19 +128,17 @@ bool is_explained(const std::string &left, const traced_fault &fault, const std:
 }
 
 // A fault in one pass, two passes more, and one more delivery.
-void run_one(delivery kind, const traced_fault &fault,
+void run_one(const delivery &kind, const traced_fault &fault,
              std::map<std::string, unsigned int> &counts) {
-    SCOPED_TRACE(testing::Message() << kind << ", system call " << fault.at.number << " no. "
-                                    << fault.at.nth << ": " << fault.what);
-    const temporary_tree tree;
-    plant(tree.root, kind);
-    const fs::path output = kind == walked || kind == held ? tree / "watch/clip.mxf" : "/dev/null";
-    std::optional<traced_driver> driver(std::in_place, DRIVER, tree.root, output);
+    SCOPED_TRACE(kind.at('#') + testing::PrintToString(fault.at.number) + " no. " +
+                 std::to_string(fault.at.nth) + ": " + std::to_string(fault.what));
+    stage stage(kind);
+    const auto &[tree, driver] = stage;
     const size_t descriptors = driver->descriptors();
     bool came = false;
     {
-        const unique_fd use = begin_use(tree.root, kind);
-        driver->pass_with(fault, &came);
+        const unique_fd use = begin_use(tree.root, line_after(kind, '*'));
+        stage.driver->pass_with(fault, &came);
         if (use)
             expect_untouched(tree.root, kind, fault);
     }
@@ -159,41 +146,40 @@ void run_one(delivery kind, const traced_fault &fault,
     EXPECT_EQ(driver->is_alive(), !came || fault.what != killed) << read_file(tree / "errors");
     expect_whole(tree.root, kind, false);
     if (!driver->is_alive())
-        driver.emplace(DRIVER, tree.root, "/dev/null");
-    driver->pass();
-    driver->pass();
+        stage.driver.emplace(DRIVER, tree.root, "/dev/null");
+    stage.driver->pass();
+    stage.driver->pass();
     for (const std::string &what : expect_whole(tree.root, kind, true)) {
         EXPECT_TRUE(is_explained(what, fault, read_file(tree / "errors"))) << what;
         ++counts[what];
     }
     EXPECT_TRUE(fault.what == killed || tree_of(tree.root).find(".new=") == std::string::npos);
     write_file(tree / "watch/third.mxf", "third");
-    driver->pass();
+    stage.driver->pass();
     EXPECT_EQ(read_file(tree / in_place), "third");
     EXPECT_EQ(read_file(tree / metadata_of(in_place)), "original filename=third.mxf\n");
     ASSERT_TRUE(driver->is_alive());
     EXPECT_EQ(driver->descriptors(), descriptors);
 }
 
-std::vector<traced_call> record(delivery kind) {
-    const temporary_tree tree;
-    plant(tree.root, kind);
-    const fs::path output = kind == walked || kind == held ? tree / "watch/clip.mxf" : "/dev/null";
-    traced_driver driver(DRIVER, tree.root, output);
-    const unique_fd use = begin_use(tree.root, kind);
-    auto calls = driver.pass_with({no_fault, {}});
+std::vector<traced_call> record(const delivery &kind) {
+    stage stage(kind);
+    const unique_fd use = begin_use(stage.tree.root, line_after(kind, '*'));
+    const auto calls = stage.driver->pass_with({no_fault, {}});
     if (use)
-        EXPECT_EQ(place_of(tree.root, new_media), "watch/clip.mxf");
+        expect_untouched(stage.tree.root, kind, {});
     else
-        EXPECT_TRUE(expect_whole(tree.root, kind, true).empty());
+        EXPECT_TRUE(expect_whole(stage.tree.root, kind, true).empty());
     return calls;
 }
+
+const std::vector<delivery> deliveries =
+    read_cases(TEST_CASES "/faults.txt", {{"\\\\", "\1"}, {"\\n", "\2"}, {"\1", "\\"}});
 
 void run_all(bool kills, unsigned int part) {
     std::map<std::string, unsigned int> counts;
     unsigned int turn = 0;
-    for (const delivery kind : {first, reloaded, discovered, walked, held, replacement,
-                                replacement_of_namesake, replacement_of_served})
+    for (const delivery &kind : deliveries)
         for (const traced_call &call : sampled(record(kind)))
             for (const int what : kills ? kill_at(call) : errors_that_fit(call))
                 if (turn++ % part == 0 || what == cut_short || getenv("FAULTS") != nullptr)
@@ -213,7 +199,7 @@ TEST(Faults, KilledAtEveryCall) {
 
 // What no fault shows without a crash of the machine: both syncs, around the rename.
 TEST(Faults, MetadataIsSyncedBeforeAndAfterItsRename) {
-    const std::vector<traced_call> calls = record(replacement);
+    const std::vector<traced_call> calls = record(deliveries.at(5));
     size_t last = calls.size() - 2;
     while (last > 1 && calls[last].number != SYS_renameat)
         --last;
