@@ -1,10 +1,9 @@
-#include "platform/process_walk.h"
 #include "platform/procfs.h"
 #include "tests/support.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <future>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -16,15 +15,15 @@ void hold_mapped(const char *file) {
     (void)mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, unique_fd(open(file, O_RDONLY)).get(), 0);
 }
 void hold_in_thread(const char *file) {
-    std::atomic<bool> held = false;
+    std::promise<void> held;
     std::thread([&held, file] {
         unshare(CLONE_FILES);
         close_range(3, ~0U, 0);
-        held = open(file, O_RDONLY) >= 0;
+        open(file, O_RDONLY);
+        held.set_value();
         pause();
     }).detach();
-    while (!held)
-        sched_yield();
+    held.get_future().wait();
 }
 
 const struct {
@@ -40,9 +39,10 @@ const struct {
     {"O_PATH", [](const char *file) { open(file, O_PATH | O_CLOEXEC); }, 0},
 };
 
-int in_use(const char *file, pid_t process) {
+// The answer; -2 where it names another process.
+int in_use(const std::string &file, pid_t process) {
     procfs_path_in_use_info info{-1};
-    const int result = procfs_path_in_use(file, &info, 1, 0);
+    const int result = procfs_path_in_use(file.c_str(), &info, 1, 0);
     return info.pid == process ? result : -2;
 }
 
@@ -54,25 +54,30 @@ bool walk_notices(const char *file) {
 
 } // namespace
 
-TEST(InUse, TheLeaseAndTheWalkSeeEveryWayToHoldAFile) {
+TEST(InUse, TheLeaseAndTheWalkSeeEveryWayToHoldAFileButTheServicesOwn) {
     for (const auto &way : ways) {
-        temporary_tree tree;
-        const std::string file = tree / "file";
+        SCOPED_TRACE(way.name);
+        const temporary_tree tree;
+        const std::string file = tree / "file", hard = tree / "hard", soft = tree / "soft";
         fs::copy_file("/bin/sleep", file);
-        fs::create_hard_link(file, file + "2");
-        const unique_fd path(open(file.c_str(), O_PATH | O_CLOEXEC));
+        fs::create_hard_link(file, hard);
+        fs::create_symlink(file, soft);
+        unique_fd own;
         {
-            const child_process holder([&] { way.hold((file + "2").c_str()); });
-            EXPECT_EQ(in_use(file.c_str(), 0), way.expected) << way.name;
-            EXPECT_EQ(find_process_using_file(path.get()), way.expected * holder.pid) << way.name;
+            const child_process holder([&] { way.hold(hard.c_str()); });
+            EXPECT_EQ(in_use(soft, 0), way.expected) << "asked for a lease";
+            own.reset(open(file.c_str(), O_RDONLY | O_CLOEXEC)); // the kernel counts it as well
+            EXPECT_EQ(in_use(soft, way.expected * holder.pid), way.expected) << "walked";
         }
-        EXPECT_EQ(find_process_using_file(path.get()) + in_use(file.c_str(), 0), 0) << way.name;
+        EXPECT_EQ(in_use(soft, 0), 0);
     }
 }
 
 TEST(InUse, WhatCannotBeToldIsInUse) {
     const temporary_tree tree;
     const std::string file = tree / "file";
+    EXPECT_EQ(in_use(file, 0), 0) << "it is not there";
+    EXPECT_EQ(in_use(tree / std::string(300, 'n'), 0), 1);
     write_file(file, "");
     const child_process holder([&] { hold_mapped(file.c_str()); });
     rlimit before{};
@@ -84,11 +89,10 @@ TEST(InUse, WhatCannotBeToldIsInUse) {
         EXPECT_EQ(procfs_path_in_use(file.c_str(), nullptr, 0, 0), 1) << more;
     }
     setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(procfs_path_in_use((tree / std::string(300, 'n')).c_str(), nullptr, 0, 0), 1);
 }
 
 TEST(InUse, AnOpenerThatBreaksTheLeaseEndsNothing) {
-    temporary_tree tree;
+    const temporary_tree tree;
     const std::string file = tree / "file";
     write_file(file, "");
     const child_process opener([&] {
@@ -98,7 +102,7 @@ TEST(InUse, AnOpenerThatBreaksTheLeaseEndsNothing) {
         }).detach();
     });
     for (int leases = 0; leases < 20000;)
-        leases += in_use(file.c_str(), 0) == 0 ? 1 : 0;
+        leases += in_use(file, 0) == 0 ? 1 : 0;
 }
 
 TEST(InUseDeathTest, WhereTheKernelDoesNotAnswerTheWalkDecidesAndReportsOnceThatItIsBlind) {
