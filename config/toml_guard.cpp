@@ -2,121 +2,78 @@
 
 #include "compat/handles.h"
 
+#include <algorithm>
 #include <cpptoml.h>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
-bool toml_nesting::add(const char *text, size_t size) {
-    for (const char *c = text; c != text + size; ++c) {
-        if (place_ == place::opening_marks) {
-            if (*c == mark_) {
-                if (++marks_ < 3)
-                    continue;
-                multi_line_ = true;
-                marks_ = 0;
-                place_ = place::string;
-                continue;
-            }
-            // Two marks were an empty string, one was the start of a string on one line.
-            place_ = marks_ == 2 ? place::bare : place::string;
-            marks_ = 0;
-        }
-        if (place_ == place::string)
-            add_string(*c);
-        else if (place_ == place::bare || *c == '\n') { // a comment ends with its line
-            place_ = place::bare;
-            if (!add_bare(*c))
-                return false;
-        }
-    }
-    return true;
+namespace {
+
+constexpr rlim_t trial_stack_limit = rlim_t{4} << 20; // bytes, half of what is usual
+constexpr unsigned int trial_limit_s = 60;
+
+[[noreturn]] void refuse(const char *reason) {
+    throw cpptoml::parse_exception{reason};
 }
 
-// Only where a part of a key or a value begins is a quotation mark the start of a string; the
-// parser takes quotation marks, commas and braces further on in a bare key for characters of that
-// key.
-bool toml_nesting::add_bare(char c) {
-    if (c == ' ' || c == '\t')
-        return true;
-    if (c == '#') {
-        place_ = place::comment;
-    } else if (c == '\n') {
-        if (depth_ == 0)
-            begin_key();
-    } else if ((c == '"' || c == '\'') && !(in_key_ && part_begun_)) {
-        place_ = place::opening_marks;
-        mark_ = c;
-        marks_ = 1;
-        multi_line_ = false;
-        part_begun_ = key_begun_ = true;
-    } else if (in_key_) {
-        add_key(c);
-    } else if (c == '[' || c == '{') {
-        if (depth_ == toml_nesting_limit)
-            return false;
-        open_[depth_++] = c;
-        if (c == '{')
-            begin_key();
-    } else if (c == ']' || c == '}') {
-        depth_ -= depth_ > 0 ? 1 : 0;
-    } else if (c == ',' && depth_ > 0 && open_[depth_ - 1] == '{') {
-        begin_key();
-    }
-    return components_ <= toml_nesting_limit;
-}
-
-void toml_nesting::begin_key() {
-    in_key_ = true;
-    key_begun_ = part_begun_ = false;
-    components_ = 0;
-}
-
-void toml_nesting::add_key(char c) {
-    if (c == '=') {
-        in_key_ = false;
-    } else if (c == '.') {
-        ++components_;
-        part_begun_ = false;
-        key_begun_ = true;
-    } else if (c == '}' && !key_begun_ && depth_ > 0) {
-        --depth_;
-        in_key_ = false;
-    } else if (c != '[' || key_begun_ || depth_ > 0) { // else a table's header
-        part_begun_ = key_begun_ = true;
+// The parser calls itself for each bracket and each dot within another, and so does the release of
+// what it made: a file can use up the stack, at a depth that only the parser could tell. With half
+// the stack of the service, who survives here survives there.
+void try_parser(const std::string &path) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    prctl(PR_SET_DUMPABLE, 0); // a crash here is an answer, and nothing for a core file
+    signal(SIGSEGV, SIG_DFL);
+    alarm(trial_limit_s);
+    rlimit stack{};
+    getrlimit(RLIMIT_STACK, &stack);
+    stack.rlim_cur = std::min(stack.rlim_cur / 2, trial_stack_limit);
+    setrlimit(RLIMIT_STACK, &stack);
+    try {
+        cpptoml::parse_file(path);
+    } catch (const std::exception &) { // which the service survives as well
     }
 }
 
-void toml_nesting::add_string(char c) {
-    if (escaped_) {
-        escaped_ = false;
-        return;
+// A byte from the child says that it came through; its exit status is lost where the service was
+// started with SIGCHLD ignored.
+bool survives_parser(const std::string &path) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        refuse(strerror(errno));
+    const unique_fd reader(ends[0]);
+    unique_fd writer(ends[1]);
+    const pid_t child = fork();
+    if (child < 0)
+        refuse(strerror(errno));
+    char byte = 0;
+    if (child == 0) {
+        try_parser(path);
+        _exit(write(writer.get(), &byte, 1) == 1 ? 0 : 1);
     }
-    escaped_ = c == '\\' && mark_ == '"';
-    marks_ = c == mark_ ? marks_ + 1 : 0;
-    if (marks_ == (multi_line_ ? 3 : 1) || (c == '\n' && !multi_line_)) {
-        place_ = place::bare;
-        marks_ = 0;
-    }
+    writer.reset();
+    const ssize_t size = TEMP_FAILURE_RETRY(read(reader.get(), &byte, 1));
+    const int error = errno;
+    TEMP_FAILURE_RETRY(waitpid(child, nullptr, 0));
+    if (size < 0)
+        refuse(strerror(error));
+    return size == 1;
 }
+
+} // namespace
 
 void refuse_unfit_toml(const std::string &path) {
-    const unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
-    if (!fd)
+    if (stat(path.c_str(), &status) != 0)
         return;
-    if (fstat(fd.get(), &status) != 0)
-        throw cpptoml::parse_exception{strerror(errno)};
     if (!S_ISREG(status.st_mode))
-        throw cpptoml::parse_exception{"not a regular file"};
+        refuse("not a regular file");
     if (status.st_size > toml_size_limit)
-        throw cpptoml::parse_exception{"too large"};
-    toml_nesting nesting;
-    char piece[8192];
-    ssize_t size = 0;
-    while ((size = TEMP_FAILURE_RETRY(read(fd.get(), piece, sizeof(piece)))) > 0)
-        if (!nesting.add(piece, static_cast<size_t>(size)))
-            throw cpptoml::parse_exception{"nested too deeply"};
-    if (size < 0) // the parser would take the part before the fault for the whole
-        throw cpptoml::parse_exception{strerror(errno)};
+        refuse("too large");
+    if (!survives_parser(path))
+        refuse("too much for the parser");
 }

@@ -163,9 +163,11 @@ private:
 
     // True at the beginning or the end of a system call, false when the process stopped or ended.
     bool go_on(__ptrace_request how) {
-        ptrace(how, pid_, nullptr, 0);
-        return waitpid(pid_, &status_, 0) == pid_ && WIFSTOPPED(status_) &&
-               WSTOPSIG(status_) == (SIGTRAP | 0x80);
+        do {
+            ptrace(how, pid_, nullptr, 0);
+            waitpid(pid_, &status_, 0);
+        } while (WIFSTOPPED(status_) && WSTOPSIG(status_) == SIGCHLD); // nobody there waits for it
+        return WIFSTOPPED(status_) && WSTOPSIG(status_) == (SIGTRAP | 0x80);
     }
 
     user_regs_struct registers() const {

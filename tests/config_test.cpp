@@ -22,6 +22,13 @@ std::string entries() {
     return text;
 }
 
+std::string repeated(const std::string &text) {
+    std::string all;
+    for (int i = 0; i < 100000; ++i)
+        all += text;
+    return all;
+}
+
 } // namespace
 
 TEST(RegexState, EveryCopyHasAFormOfItsOwn) {
@@ -41,17 +48,16 @@ TEST(RegexState, EveryCopyHasAFormOfItsOwn) {
 }
 
 TEST(ConfigurationLoad, TurnsEventTablesIntoEntries) {
-    const std::string sixty(60, '[');
     const std::vector<std::pair<std::string, std::string>> escapes = {
         {"@P", "\"watch path\" = 'w'\n\"target file\" = 't'"},
         {"@t", "\t"},
-        {"@[", sixty},
-        {"@.", replaced(sixty, "[", ".a")},
-        {"@{", replaced(sixty, "[", "{a}=")}};
+        {"@[", repeated("[")},
+        {"@.", repeated(".a")},
+        {"@{", repeated("{a=")}};
     const temporary_tree tree;
     configuration_path = tree / "c.toml";
     auto cases = read_cases(TEST_CASES "/configurations.txt", escapes);
-    EXPECT_GE(cases.size(), 38U);
+    EXPECT_GE(cases.size(), 20U);
     for (auto &row : cases) {
         write_file(configuration_path, row['+']);
         configuration.clear();

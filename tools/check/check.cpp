@@ -3,7 +3,6 @@
 #include "compat/diagnostics.h"
 #include "config/configuration_load.h"
 #include "config/directory_discovery.h"
-#include "config/toml_guard.h"
 #include "service/main_loop.h"
 #include "service/main_storage.h"
 #include "tools/check/entry_rules.h"
@@ -87,7 +86,6 @@ bool check_configuration_file() {
     if (try_load_configuration()) {
         // Again, for what the loader passed over.
         try {
-            refuse_unfit_toml(configuration_path);
             root = cpptoml::parse_file(configuration_path);
         } catch (const std::exception &) {
             root = nullptr; // it went away in between
