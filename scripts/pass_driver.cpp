@@ -20,19 +20,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// There when coverage is measured.
-extern "C" void __gcov_dump() __attribute__((weak));
-
-namespace {
-
-void end(int /*signal_number*/) {
-    if (__gcov_dump != nullptr)
-        __gcov_dump();
-    _exit(0);
-}
-
-} // namespace
-
 #ifndef __SANITIZE_ADDRESS__
 extern "C" void *__libc_malloc(size_t size);
 
@@ -61,7 +48,7 @@ int main(int argc, char **argv) {
     if (argc < 4)
         return 2;
     signal(SIGPIPE, SIG_IGN);
-    signal(SIGTERM, end);
+    signal(SIGTERM, [](int /*signal_number*/) { _exit(0); });
     bound_standard_error();
     main_path = realpath_string(argv[1]);
     configuration_path = main_path + "/event.toml";

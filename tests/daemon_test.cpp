@@ -7,8 +7,6 @@
 #include <regex>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 namespace {
 
@@ -117,9 +115,7 @@ protected:
         make_tree("/", "mnt/storage/\nmnt/main -> storage\ndev/null=\n" + run['+']);
         if (!run['%'].empty())
             write_file(config_path, run['%']);
-        sockaddr_un address{AF_UNIX, "/dev/log"};
-        log_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        ASSERT_EQ(bind(log_.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+        log_ = bound_socket("/dev/log", SOCK_DGRAM);
     }
 
     void expect_end(daemon_process &daemon, daemon_case &run) const {

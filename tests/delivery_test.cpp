@@ -5,8 +5,6 @@
 
 #include <gtest/gtest.h>
 #include <optional>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 // The clocks of the archive suffix stand still.
 uint64_t monotonic_clock_us(void) {
@@ -48,22 +46,12 @@ std::string deliver(const fs::path &watch, const fs::path &target_file, const st
     return replaced(printed, watch.parent_path().string() + "/", "");
 }
 
-// A served socket; the descriptor is the caller's.
-int serve(const std::string &path) {
-    sockaddr_un address{AF_UNIX, ""};
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    EXPECT_EQ(listen(fd, 1), 0);
-    return fd;
-}
-
 } // namespace
 
 TEST(DeliverFile, ActsOnEachItemAsItsCaseSays) {
     const temporary_tree sockets;
-    const child_process server([&] { serve(sockets / "served"); });
-    close(serve(sockets / "dead"));
+    const unique_fd server = bound_socket(sockets / "served", SOCK_DGRAM);
+    bound_socket(sockets / "dead", SOCK_DGRAM);
     make_tree(sockets.root, "file=\nhop -> served\n");
     // A doubled backslash goes by way of a byte that no case uses.
     const auto cases = read_cases(TEST_CASES "/deliveries.txt", {{"\\\\", "\1"},
@@ -79,10 +67,8 @@ TEST(DeliverFile, ActsOnEachItemAsItsCaseSays) {
         const temporary_tree tree;
         make_tree(tree.root, "play/\n" + row['+']);
         std::optional<child_process> writer;
-        if (const std::string held = row['*']; !held.empty())
-            writer.emplace([path = tree / held.substr(0, held.size() - 1)] {
-                open(path.c_str(), O_WRONLY | O_CLOEXEC);
-            });
+        if (const std::string held = line_of(row, '*'); !held.empty())
+            writer.emplace([&] { open((tree / held).c_str(), O_WRONLY | O_CLOEXEC); });
         if (row.count('-') != 0)
             removed_at_capture = tree / "play/ARCHIVE";
         const std::string what = with_newlines(row['>']);
@@ -94,6 +80,14 @@ TEST(DeliverFile, ActsOnEachItemAsItsCaseSays) {
         removed_at_capture.clear();
         EXPECT_EQ(tree_of(tree.root), with_newlines(row['='])) << row['#'];
     }
+}
+
+TEST(ItemContext, NothingIsDoneWithoutALocation) {
+    ItemContext item;
+    EXPECT_FALSE(item.open_directory() || item.open_metadata_dir() || item.open_file_handles());
+    const captured_output lines;
+    deliver_file(nullptr, "n", item, WatchEntry());
+    EXPECT_EQ(lines.text(), "");
 }
 
 TEST(DeliverFile, DoesNotCopyAcrossFileSystems) {

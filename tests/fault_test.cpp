@@ -8,8 +8,6 @@
 #include <iostream>
 #include <optional>
 #include <set>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 namespace {
 
@@ -26,12 +24,6 @@ std::string metadata_of(const fs::path &file) {
 // A paragraph of the case file.
 using delivery = std::map<char, std::string>;
 
-// What stands in the only line after a mark; "" without one.
-std::string line_after(const delivery &kind, char mark) {
-    const auto found = kind.find(mark);
-    return found == kind.end() ? "" : found->second.substr(0, found->second.size() - 1);
-}
-
 bool starts_with(const delivery &kind, const std::string &text) {
     return kind.at('+').find(text) != std::string::npos;
 }
@@ -40,7 +32,7 @@ bool starts_with(const delivery &kind, const std::string &text) {
 struct stage {
     explicit stage(const delivery &kind) {
         make_tree(tree.root, replaced(kind.at('+'), "@R", tree.root));
-        const std::string own = line_after(kind, '<');
+        const std::string own = line_of(kind, '<');
         driver.emplace(DRIVER, tree.root, own.empty() ? "/dev/null" : tree / own);
     }
     temporary_tree tree;
@@ -64,11 +56,7 @@ unique_fd begin_use(const fs::path &root, const std::string &name) {
         return unique_fd();
     if (fs::exists(path))
         return unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    unique_fd server(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{AF_UNIX, ""};
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    EXPECT_EQ(bind(server.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    return server;
+    return bound_socket(path, SOCK_DGRAM);
 }
 
 // Nothing is touched while something is in use, unless the service is refused a look at other
@@ -137,7 +125,7 @@ void run_one(const delivery &kind, const traced_fault &fault,
     const size_t descriptors = driver->descriptors();
     bool came = false;
     {
-        const unique_fd use = begin_use(tree.root, line_after(kind, '*'));
+        const unique_fd use = begin_use(tree.root, line_of(kind, '*'));
         stage.driver->pass_with(fault, &came);
         if (use)
             expect_untouched(tree.root, kind, fault);
@@ -164,7 +152,7 @@ void run_one(const delivery &kind, const traced_fault &fault,
 
 std::vector<traced_call> record(const delivery &kind) {
     stage stage(kind);
-    const unique_fd use = begin_use(stage.tree.root, line_after(kind, '*'));
+    const unique_fd use = begin_use(stage.tree.root, line_of(kind, '*'));
     const auto calls = stage.driver->pass_with({no_fault, {}});
     if (use)
         expect_untouched(stage.tree.root, kind, {});

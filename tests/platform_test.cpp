@@ -15,11 +15,6 @@ namespace {
 const std::vector<std::pair<std::string, std::string>> escapes = {
     {"@0", {'\0'}}, {"@n", "\n"}, {"@r", "\r"}, {"@f", "\xff"}, {"@L", std::string(246, 'n')}};
 
-// A text of one line in a case file.
-std::string line_of(const std::string &text) {
-    return text.substr(0, text.rfind('\n'));
-}
-
 std::string shown(const char *text) {
     return text == nullptr ? "-" : text;
 }
@@ -76,12 +71,12 @@ struct media_item {
 TEST(MetadataNames, MapBothWays) {
     const media_item item;
     for (auto row : read_cases(TEST_CASES "/metadata_names.txt", escapes)) {
-        const std::string file = line_of(row['+']), metadir = line_of(row['=']);
+        const std::string file = line_of(row, '+'), metadir = line_of(row, '=');
         SCOPED_TRACE(file + " has " + metadir);
         if (file != "-") {
             EXPECT_EQ(mapped(metadata_v4_file_to_metadir, file), metadir);
             metadata_v4_context_set_file_location(item.context, file.c_str());
-            EXPECT_EQ(shown(item.context->dir_path), line_of(row['>']));
+            EXPECT_EQ(shown(item.context->dir_path), line_of(row, '>'));
         }
         if (metadir != "-") {
             EXPECT_EQ(mapped(metadata_v4_metadir_to_file, metadir), file);
@@ -120,6 +115,34 @@ TEST(MetadataFile, KeepsAnyBytesAndChangesOnlyWhatWasChanged) {
         ASSERT_EQ(item.load(0), 0);
         EXPECT_EQ(item.entries(), changed);
     }
+}
+
+// What the interface has no meaning for is refused, and changes nothing.
+TEST(MetadataList, RefusesArgumentsWithoutAMeaning) {
+    const media_item item;
+    write_file(item.file, "a=1\n");
+    auto *list = item.list;
+    auto *context = item.context;
+    EXPECT_LT(metadata_v4_context_open_the_file(context), 0) << "not opened";
+    ASSERT_EQ(item.open(), 0);
+    ASSERT_EQ(item.load(1), 0);
+    EXPECT_LT(metadata_v4_metadata_context_write_metadata_to_file(list, context, 1, nullptr), 0);
+    EXPECT_LT(metadata_v4_metadata_context_write_metadata_to_file(list, context, 0, list), 0);
+    const struct {
+        const char *name, *value;
+        int reserved;
+    } rows[] = {{nullptr, "v", -1}, {"", "v", -1}, {"n", nullptr, -1}, {"n", "v", 0}};
+    for (const auto &[name, value, reserved] : rows) {
+        EXPECT_LT(
+            metadata_v4_metadata_context_add_name_value_pair(list, name, 0, value, 0, reserved), 0);
+        EXPECT_LT(metadata_v4_metadata_context_set_name_value_pair(list, item.entry(0), name, 0,
+                                                                   value, 0, reserved),
+                  0);
+    }
+    EXPECT_EQ(item.entries(), "a|1\n");
+    EXPECT_LT(metadata_v4_metadata_context_load_metadata_from_file(list, context, 1, list), 0);
+    procfs_path_in_use_info info{};
+    EXPECT_LT(procfs_path_in_use(item.file.c_str(), &info, 1, 1), 0);
 }
 
 TEST(MetadataContext, MakesAMetadataDirectoryOnlyBesideAFile) {

@@ -19,6 +19,8 @@
 #include <string>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <vector>
 
@@ -97,9 +99,25 @@ read_cases(const fs::path &path, const std::vector<std::pair<std::string, std::s
     return cases;
 }
 
+// The text of a mark that has one line in a case; "" without that mark.
+inline std::string line_of(const std::map<char, std::string> &row, char mark) {
+    const auto found = row.find(mark);
+    return found == row.end() ? "" : found->second.substr(0, found->second.rfind('\n'));
+}
+
 inline size_t open_descriptors() {
     const fs::directory_iterator all("/proc/self/fd");
     return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+// A socket that is bound to a name. Nobody listens yet.
+inline unique_fd bound_socket(const std::string &path, int type) {
+    unique_fd fd(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    sockaddr_un address{AF_UNIX, ""};
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    if (bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
+        abort();
+    return fd;
 }
 
 // A new folder, removed with all that is in it.
