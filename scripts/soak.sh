@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # A long life on a fast clock: passes with deliveries, storms of reloads, rescans and jumping clocks, in
 # namespaces of its own for mounts and processes. Then, a tenth as long each, with standard error a pipe
-# that nobody reads, a closed pipe and a full disk; 200 passes among processes that come and go.
+# that nobody reads, a closed pipe and a full disk; 200 passes that look at 2,000 processes and others
+# that come and go.
 # Arguments: PASSES (default: 10000) [BUILD [WRAPPER...]]; a wrapper is a program to run the driver
 # under, valgrind say.
 set -euo pipefail
@@ -44,7 +45,10 @@ soak 2> >(:)
 echo "== To a full disk"
 soak 2>/dev/full
 passes=200
-echo "== Among 1,000 processes that stay and others that come and go"
-for _ in $(seq 1000); do sleep 3600 & done
+echo "== On an overlay, where the processes are asked: 2,000 that stay and others that come and go"
+mkdir -p /mnt/lower /mnt/upper /mnt/work "/mnt/main/$((tree + 1))"
+mount -t overlay -o lowerdir=/mnt/lower,upperdir=/mnt/upper,workdir=/mnt/work overlay "/mnt/main/$((tree + 1))"
+for _ in $(seq 2000); do sleep 3600 & done
 while :; do for _ in 1 2 3 4 5 6 7 8; do /bin/true & done; wait -n; done 2>/dev/null &
 soak 2>/mnt/lines
+echo "$(grep -ac '^already=' /mnt/lines) deliveries, $(grep -ac 'is in use' /mnt/lines) refused as in use"
