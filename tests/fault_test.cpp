@@ -153,7 +153,7 @@ void run_one(const delivery &kind, const traced_fault &fault,
 std::vector<traced_call> record(const delivery &kind) {
     stage stage(kind);
     const unique_fd use = begin_use(stage.tree.root, line_of(kind, '*'));
-    const auto calls = stage.driver->pass_with({no_fault, {}});
+    auto calls = stage.driver->pass_with({no_fault, {}});
     if (use)
         expect_untouched(stage.tree.root, kind, {});
     else

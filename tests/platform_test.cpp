@@ -70,7 +70,7 @@ struct media_item {
 
 TEST(MetadataNames, MapBothWays) {
     const media_item item;
-    for (auto row : read_cases(TEST_CASES "/metadata_names.txt", escapes)) {
+    for (const auto &row : read_cases(TEST_CASES "/metadata_names.txt", escapes)) {
         const std::string file = line_of(row, '+'), metadir = line_of(row, '=');
         SCOPED_TRACE(file + " has " + metadir);
         if (file != "-") {
