@@ -7,9 +7,13 @@
 
 constexpr off_t toml_size_limit = off_t{64} << 20; // bytes
 
+// How long the parser may take at first, 60 seconds. A variable for the tests.
+extern int toml_trial_limit_ms;
+
 // Throws cpptoml::parse_exception for a path that leads to anything but a regular file, for a file
-// that is too large, and for one that the parser did not survive in a process of its own. A file
-// that is not there, or that the parser refuses, is left for the parse that counts to report.
+// that is too large, and for one that the parser did not survive, or end, in a process of its own.
+// A file that is not there, or that the parser refuses, is left for the parse that counts to
+// report.
 void refuse_unfit_toml(const std::string &path);
 
 #endif

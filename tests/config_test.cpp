@@ -1,5 +1,6 @@
 #include "config/configuration_load.h"
 #include "config/directory_discovery.h"
+#include "config/toml_guard.h"
 #include "config/watch_entry.h"
 #include "tests/support.h"
 
@@ -85,11 +86,17 @@ TEST(ConfigurationLoad, ReadsOnlyAFileOfReasonableSize) {
     write_file(configuration_path, "");
     fs::resize_file(configuration_path, (64U << 20) + 1);
     EXPECT_FALSE(load_configuration());
+    write_file(configuration_path, repeated("[[event]]\n")); // takes a while
+    toml_trial_limit_ms = 1;
+    EXPECT_FALSE(load_configuration());
+    toml_trial_limit_ms = 60000;
     EXPECT_EQ(replaced(lines.text(), configuration_path, "PATH"),
               "PATH: No such file or directory\n"
               "PATH: TOML parse error: not a regular file\n"
-              "PATH: TOML parse error: too large\n");
+              "PATH: TOML parse error: too large\n"
+              "PATH: TOML parse error: too much for the parser\n");
     EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left";
 }
 
 TEST(ConfigurationLoad, TakesOnlyTextsFromAMixedArrayAndKeepsTheFirstOfAName) {
