@@ -100,18 +100,24 @@ descriptor_info describe(int at, const std::string &name) {
     return info;
 }
 
-// Where a file system gives its files device numbers of other kinds, subvolumes and overlays, the
-// tables of mappings have that of the mounted file system and the kernel's own inode number.
-file_identity identity_when_mapped(int path_fd, const file_identity &file) {
-    const descriptor_info info = describe(AT_FDCWD, "/proc/self/fdinfo/" + std::to_string(path_fd));
-    file_identity mapped{file.device, info.inode.value_or(file.inode)};
+// What the kernel itself says of a descriptor, without asking the file system: the device of the
+// mount and its own inode number. What it does not tell is taken from the identity given.
+file_identity kernel_identity(int at, const std::string &fdinfo, const file_identity &otherwise) {
+    const descriptor_info info = describe(at, fdinfo);
+    file_identity known{otherwise.device, info.inode.value_or(otherwise.inode)};
     if (info.mount_id)
         any_lines(AT_FDCWD, "/proc/self/mountinfo", [&](std::string_view lines) {
             const auto device = device_of_mount(lines, *info.mount_id);
-            mapped.device = device.value_or(mapped.device);
+            known.device = device.value_or(known.device);
             return device.has_value();
         });
-    return mapped;
+    return known;
+}
+
+// Where a file system gives its files device numbers of other kinds, subvolumes and overlays, the
+// tables of mappings have that of the mounted file system and the kernel's own inode number.
+file_identity identity_when_mapped(int path_fd, const file_identity &file) {
+    return kernel_identity(AT_FDCWD, "/proc/self/fdinfo/" + std::to_string(path_fd), file);
 }
 
 // An operator has to know that the answers may be wrong; once is enough.
@@ -148,8 +154,11 @@ bool has_open(const walk &walk, const std::string &task) {
     const auto holds = [&](const char *descriptor) {
         file_identity open_file{};
         is_open = identify(descriptors.get(), descriptor, open_file);
-        return is_open ? open_file == walk.file && !is_path_descriptor(walk, task, descriptor)
-                       : is_unknown(errno);
+        if (is_open)
+            return open_file == walk.file && !is_path_descriptor(walk, task, descriptor);
+        // The disk of another file may have died, with processes that still have that open.
+        return is_unknown(errno) && kernel_identity(walk.proc, task + "/fdinfo/" + descriptor,
+                                                    walk.mapped) == walk.mapped;
     };
     const uint64_t count = descriptor_count(descriptors.get());
     uint64_t seen = 0;
