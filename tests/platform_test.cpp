@@ -91,6 +91,7 @@ TEST(MetadataFile, KeepsAnyBytesAndChangesOnlyWhatWasChanged) {
         const media_item item;
         const std::string text = replaced(row['+'], "@.\n", "");
         write_file(item.file, text);
+        const bool is_foreign = chown(item.file.c_str(), 12, 34) == 0; // as root
         chmod(item.file.c_str(), 0640);
         ASSERT_EQ(item.open(), 0);
         ASSERT_EQ(item.load(0), 0);
@@ -110,7 +111,11 @@ TEST(MetadataFile, KeepsAnyBytesAndChangesOnlyWhatWasChanged) {
         write_file(item.metadir / ".metadata.new.1", "left by a crash");
         ASSERT_EQ(item.save(), 0);
         EXPECT_EQ(tree_of(item.metadir), ".metadata.new/x=in the way\nmetadata=" + row['>'] + "\n");
-        EXPECT_EQ(fs::status(item.file).permissions(), fs::perms(0640));
+        struct stat status {};
+        stat(item.file.c_str(), &status);
+        EXPECT_EQ(status.st_mode & 0777, 0640U);
+        EXPECT_EQ(status.st_uid, is_foreign ? 12 : geteuid());
+        EXPECT_EQ(status.st_gid, is_foreign ? 34 : getegid());
         const std::string changed = item.entries();
         ASSERT_EQ(item.load(0), 0);
         EXPECT_EQ(item.entries(), changed);
@@ -175,6 +180,19 @@ TEST(MetadataContext, MakesAMetadataDirectoryOnlyBesideAFile) {
         EXPECT_EQ(tree_of(item.tree.root), "gone=media\n");
     }
     EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(MetadataContext, OpensAgainOnlyTheDirectoryThatItOpenedFirst) {
+    const media_item item;
+    const size_t before = open_descriptors();
+    ASSERT_EQ(item.open(), 0);
+    EXPECT_EQ(metadata_v4_context_open_the_file(item.context), 0);
+    const std::string elsewhere = item.tree.root.string() + ".moved";
+    fs::rename(item.tree.root, elsewhere);
+    fs::copy(elsewhere, item.tree.root, fs::copy_options::recursive);
+    EXPECT_LT(item.open(), 0) << "another one by its name";
+    EXPECT_EQ(open_descriptors(), before);
+    fs::remove_all(elsewhere);
 }
 
 TEST(ProcTables, AreReadAsTheKernelWritesThem) {
