@@ -10,10 +10,13 @@
 uint64_t monotonic_clock_us(void) {
     return 183020443512;
 }
-// An empty folder that goes away between the opening of ARCHIVE and the moves.
-fs::path removed_at_capture;
+// Between the opening of ARCHIVE and the moves an empty folder goes away, and where there is a
+// folder "other" it takes the place of the target's.
+fs::path removed_at_capture, root_at_capture;
 extern "C" time_t time(time_t *) noexcept {
     rmdir(removed_at_capture.c_str());
+    renameat2(AT_FDCWD, (root_at_capture / "other").c_str(), AT_FDCWD,
+              (root_at_capture / "play").c_str(), RENAME_EXCHANGE);
     return 1706715902;
 }
 
@@ -41,6 +44,7 @@ std::string deliver(const fs::path &watch, const fs::path &target_file, const st
         const captured_output lines;
         deliver_file(stream.get(), name.c_str(), target, entry);
         printed = lines.text();
+        EXPECT_EQ(target.get()->flags, 0);
     }
     EXPECT_EQ(open_descriptors(), before);
     return replaced(printed, watch.parent_path().string() + "/", "");
@@ -69,6 +73,7 @@ TEST(DeliverFile, ActsOnEachItemAsItsCaseSays) {
         std::optional<child_process> writer;
         if (const std::string held = line_of(row, '*'); !held.empty())
             writer.emplace([&] { open((tree / held).c_str(), O_WRONLY | O_CLOEXEC); });
+        root_at_capture = tree.root;
         if (row.count('-') != 0)
             removed_at_capture = tree / "play/ARCHIVE";
         const std::string what = with_newlines(row['>']);
