@@ -2,6 +2,7 @@
 #ifndef PLATFORM_FILE_IDENTITY_H
 #define PLATFORM_FILE_IDENTITY_H
 
+#include <cerrno>
 #include <sys/types.h>
 
 struct file_identity {
@@ -17,5 +18,10 @@ inline bool operator==(const file_identity &a, const file_identity &b) {
 // descriptor's own file. Taken from what the kernel has at hand: a file on a dead network server
 // must not hold anybody up. False with errno.
 [[nodiscard]] bool identify(int at, const char *name, file_identity &identity);
+
+// Does an error say that the name leads to no file? Any other leaves open what is there.
+inline bool says_nothing_is_there(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP;
+}
 
 #endif

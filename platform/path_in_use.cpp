@@ -1,6 +1,7 @@
 #include "platform/procfs.h"
 
 #include "compat/handles.h"
+#include "platform/file_identity.h"
 #include "platform/own_descriptors.h"
 #include "platform/process_walk.h"
 #include "platform/write_lease.h"
@@ -20,7 +21,7 @@ int procfs_path_in_use(const char *path, procfs_path_in_use_info *info, unsigned
     // O_PATH: no device is opened, no FIFO waited for, and the descriptor is no use of the file.
     const unique_fd file(open(path, O_PATH | O_CLOEXEC));
     if (!file)
-        return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? 0 : 1;
+        return says_nothing_is_there(errno) ? 0 : 1;
     const lease_answer answer = ask_for_write_lease(file.get());
     if (answer == lease_answer::unused)
         return 0;

@@ -36,8 +36,9 @@ int procfs_path_in_use(const char *path, procfs_path_in_use_info *info, unsigned
 
 /* The process that has open the socket bound to the socket file at path and listening there, or,
  * for a datagram socket, bound there; -1 when there is none, 0 when there is one but its process
- * cannot be seen. The socket is found by the bound file itself, whatever text it was bound under;
- * no connection is made. flags selects nothing and is there for compatibility. */
+ * cannot be seen, and when that cannot be told. The socket is found by the bound file itself,
+ * whatever text it was bound under; no connection is made. flags selects nothing and is there for
+ * compatibility. */
 int32_t get_socket_server_pid(const char *path, int flags);
 
 #ifdef __cplusplus

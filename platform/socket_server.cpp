@@ -1,9 +1,11 @@
 #include "platform/procfs.h"
 
 #include "compat/handles.h"
+#include "platform/file_identity.h"
 #include "platform/process_walk.h"
 #include "platform/socket_answer.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <linux/netlink.h>
@@ -36,10 +38,11 @@ bool request_sockets(int netlink) {
            static_cast<ssize_t>(sizeof(request));
 }
 
+// Where it cannot be told, the name decides as well.
 bool has_own_device(const char *path) {
     struct statfs file_system {};
-    return statfs(path, &file_system) == 0 &&
-           (file_system.f_type == BTRFS_SUPER_MAGIC || file_system.f_type == OVERLAYFS_SUPER_MAGIC);
+    return statfs(path, &file_system) != 0 || file_system.f_type == BTRFS_SUPER_MAGIC ||
+           file_system.f_type == OVERLAYFS_SUPER_MAGIC;
 }
 
 // The inode number of the first socket that serves the file; 0 when none does, -1 when the kernel
@@ -64,15 +67,19 @@ int64_t find_server_socket(int netlink, const socket_file &file) {
 
 } // namespace
 
+// 0 is the answer wherever it is not known that no process serves the socket: better an item that
+// waits than one cut short.
 int32_t get_socket_server_pid(const char *path, int /*flags*/) {
     struct stat file {};
-    if (stat(path, &file) != 0 || !S_ISSOCK(file.st_mode))
+    if (stat(path, &file) != 0)
+        return says_nothing_is_there(errno) ? -1 : 0;
+    if (!S_ISSOCK(file.st_mode))
         return -1;
     const unique_fd netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
     struct stat socket_file_system {};
     if (!netlink || fstat(netlink.get(), &socket_file_system) != 0 ||
         !request_sockets(netlink.get()))
-        return 0; // not known to be without a server: better an item that waits than one cut short
+        return 0;
     const int64_t inode =
         find_server_socket(netlink.get(), {path, {file.st_dev, file.st_ino}, has_own_device(path)});
     if (inode <= 0)
