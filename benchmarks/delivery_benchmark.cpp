@@ -1,7 +1,7 @@
 // The delivery of one file that replaces another, metadata on both, against the bare renames, opens
 // and metadata file calls that it takes.
+#include "base/handles.h"
 #include "benchmarks/measure.h"
-#include "compat/handles.h"
 #include "delivery/deliver_file.h"
 
 #include <fcntl.h>

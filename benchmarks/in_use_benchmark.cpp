@@ -1,9 +1,9 @@
 // Is a file in use? The service's answer, the walk alone, what the kernel needs at least, and
 // fuser.
+#include "base/handles.h"
 #include "benchmarks/measure.h"
-#include "compat/handles.h"
-#include "platform/process_walk.h"
-#include "platform/procfs.h"
+#include "platform/include/procfs.h"
+#include "platform/processes/process_walk.h"
 
 #include <csignal>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 // A pass over watch folders in which nothing matches, against a bare loop of the same system calls.
+#include "base/handles.h"
 #include "benchmarks/measure.h"
-#include "compat/handles.h"
 #include "config/watch_entry.h"
 #include "service/main_storage.h"
 #include "watch/watch_pass.h"

@@ -1,6 +1,6 @@
 #include "config/configuration_load.h"
 
-#include "compat/diagnostics.h"
+#include "base/diagnostics.h"
 #include "config/toml_guard.h"
 #include "config/watch_entry.h"
 

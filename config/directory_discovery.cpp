@@ -1,6 +1,6 @@
 #include "config/directory_discovery.h"
 
-#include "compat/diagnostics.h"
+#include "base/diagnostics.h"
 
 #include <boost/filesystem.hpp>
 #include <cstring>

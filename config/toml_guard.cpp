@@ -1,6 +1,6 @@
 #include "config/toml_guard.h"
 
-#include "compat/handles.h"
+#include "base/handles.h"
 
 #include <algorithm>
 #include <cpptoml.h>

@@ -1,6 +1,6 @@
 #include "delivery/cppmetadir.h"
 
-#include "platform/metadata_v4.h"
+#include "platform/include/metadata_v4.h"
 
 #include <alloca.h>
 #include <cassert>

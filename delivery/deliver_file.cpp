@@ -1,13 +1,13 @@
 #include "delivery/deliver_file.h"
 
-#include "compat/diagnostics.h"
-#include "compat/handles.h"
+#include "base/diagnostics.h"
+#include "base/handles.h"
 #include "delivery/archive_name.h"
 #include "delivery/cppmetadir.h"
 #include "delivery/in_use.h"
 #include "delivery/item_metadata.h"
 #include "delivery/original_name.h"
-#include "platform/process_util.h"
+#include "platform/include/process_util.h"
 
 #include <cstring>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 #include "delivery/in_use.h"
 
-#include "platform/procfs.h"
+#include "platform/include/procfs.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -8,7 +8,7 @@
 #ifndef DELIVERY_ITEM_CONTEXT_H
 #define DELIVERY_ITEM_CONTEXT_H
 
-#include "platform/metadata_v4.h"
+#include "platform/include/metadata_v4.h"
 
 #include <string>
 

@@ -6,7 +6,7 @@
 #define DELIVERY_ITEM_METADATA_H
 
 #include "delivery/item_context.h"
-#include "platform/metadata_v4.h"
+#include "platform/include/metadata_v4.h"
 
 #include <cstdint>
 

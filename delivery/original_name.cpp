@@ -1,6 +1,6 @@
 #include "delivery/original_name.h"
 
-#include "compat/diagnostics.h"
+#include "base/diagnostics.h"
 
 #include <cstring>
 

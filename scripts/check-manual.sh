@@ -12,7 +12,7 @@ while IFS= read -r line; do
     status=1
   fi
 done < <(grep -ohE '(diag\(|syslog\([A-Z_]+, |fprintf\((out|stream), )"[^"]*"' \
-  {compat,platform,config,watch,delivery,service}/*.cpp |
+  {base,platform/*,config,watch,delivery,service}/*.cpp |
   sed -E 's/^[^"]*" *([^"]*)"$/\1/; s/\\n$//; s/%\.\*s/%s/; s/^ *(Watch|Target|Match pattern|Pattern|Ready|Entry)\b.*/\1/')
 
 # The lines of the first block of a section that fences enclose, or that a man page shows as they are.

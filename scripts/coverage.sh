@@ -23,7 +23,7 @@ find build-coverage -type d -exec chmod a+rwx {} +
 find build-coverage -name '*.gcda' -delete
 FAULTS=all ctest --test-dir build-coverage --output-on-failure -j "$(nproc)" \
   >build-coverage/tests.log || { tail -n 40 build-coverage/tests.log; exit 1; }
-for folder in compat platform config delivery watch service; do
+for folder in base platform config delivery watch service; do
   echo "$folder: $(gcovr --root . --filter "$folder/" --exclude-throw-branches --exclude-unreachable-branches \
     --print-summary build-coverage 2>/dev/null | grep -E '^(lines|branches)' | tr '\n' ' ')"
 done

@@ -16,8 +16,8 @@ for target in "$@"; do
   found=$folder/corpus/$target
   mkdir -p "$found"
   # A slow input is an answer to a hang: five seconds for what takes microseconds.
-  "$folder/fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=5 -rss_limit_mb=1024 -close_fd_mask=3 \
-    -print_final_stats=1 -artifact_prefix="$folder/$target-" "$found" "fuzz/corpus/$target" \
+  "$folder/tests/fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=5 -rss_limit_mb=1024 -close_fd_mask=3 \
+    -print_final_stats=1 -artifact_prefix="$folder/$target-" "$found" "tests/fuzz/corpus/$target" \
     >"$folder/$target.log" 2>&1 || { tail -n 40 "$folder/$target.log"; exit 1; }
   echo "$target: $(sed -n 's/^stat::number_of_executed_units: *//p' "$folder/$target.log") executions"
 done

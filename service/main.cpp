@@ -1,9 +1,9 @@
 // The watch folder service: the start-up sequence, the main loop, the stop.
-#include "compat/diagnostics.h"
+#include "base/diagnostics.h"
 #include "config/configuration_load.h"
 #include "config/directory_discovery.h"
 #include "config/watch_entry.h"
-#include "platform/process_util.h"
+#include "platform/include/process_util.h"
 #include "service/command_line.h"
 #include "service/main_loop.h"
 #include "service/single_instance.h"

@@ -1,10 +1,10 @@
 #include "service/main_loop.h"
 
-#include "compat/diagnostics.h"
+#include "base/diagnostics.h"
 #include "config/configuration_load.h"
 #include "config/directory_discovery.h"
 #include "config/watch_entry.h"
-#include "platform/process_util.h"
+#include "platform/include/process_util.h"
 #include "service/main_storage.h"
 #include "watch/watch_pass.h"
 

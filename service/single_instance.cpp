@@ -1,7 +1,7 @@
 #include "service/single_instance.h"
 
-#include "compat/diagnostics.h"
-#include "compat/handles.h"
+#include "base/diagnostics.h"
+#include "base/handles.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -1,9 +1,9 @@
+#include "check/check.h"
+#include "check/command_line.h"
+#include "check/entry_rules.h"
 #include "config/configuration_load.h"
 #include "service/main_storage.h"
 #include "tests/support.h"
-#include "tools/check/check.h"
-#include "tools/check/command_line.h"
-#include "tools/check/entry_rules.h"
 
 #include <gtest/gtest.h>
 #include <regex>

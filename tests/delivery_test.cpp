@@ -1,6 +1,6 @@
 #include "delivery/cppmetadir.h"
 #include "delivery/deliver_file.h"
-#include "platform/process_util.h"
+#include "platform/include/process_util.h"
 #include "tests/support.h"
 
 #include <gtest/gtest.h>

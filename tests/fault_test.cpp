@@ -1,8 +1,8 @@
 // Every system call of a delivery fails once, and the process is killed at every one: nothing is
 // lost, doubled, cut or left open, and the next pass ends the delivery. The calls come from a
 // recorded run. A part of the positions; with FAULTS in the environment all of them.
-#include "scripts/traced_driver.h"
 #include "support.h"
+#include "tests/traced_driver.h"
 
 #include <gtest/gtest.h>
 #include <iostream>

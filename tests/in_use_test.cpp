@@ -1,4 +1,4 @@
-#include "platform/procfs.h"
+#include "platform/include/procfs.h"
 #include "tests/support.h"
 
 #include <gtest/gtest.h>

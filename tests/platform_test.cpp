@@ -1,6 +1,6 @@
-#include "platform/metadata_v4.h"
-#include "platform/proc_tables.h"
-#include "platform/procfs.h"
+#include "platform/include/metadata_v4.h"
+#include "platform/include/procfs.h"
+#include "platform/processes/proc_tables.h"
 #include "tests/support.h"
 
 #include <fcntl.h>

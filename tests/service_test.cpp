@@ -1,6 +1,6 @@
 #include "config/configuration_load.h"
 #include "config/watch_entry.h"
-#include "platform/process_util.h"
+#include "platform/include/process_util.h"
 #include "service/command_line.h"
 #include "service/main_loop.h"
 #include "service/main_storage.h"

@@ -3,7 +3,7 @@
 #ifndef TESTS_SUPPORT_H
 #define TESTS_SUPPORT_H
 
-#include "compat/handles.h"
+#include "base/handles.h"
 
 #include <algorithm>
 #include <csignal>

@@ -1,7 +1,7 @@
 #include "watch/folder_scan.h"
 
-#include "compat/diagnostics.h"
-#include "compat/handles.h"
+#include "base/diagnostics.h"
+#include "base/handles.h"
 #include "delivery/deliver_file.h"
 #include "delivery/item_context.h"
 #include "service/main_storage.h"

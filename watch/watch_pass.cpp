@@ -1,6 +1,6 @@
 #include "watch/watch_pass.h"
 
-#include "compat/diagnostics.h"
+#include "base/diagnostics.h"
 #include "config/watch_entry.h"
 #include "service/main_storage.h"
 #include "watch/folder_scan.h"

@@ -1,0 +1,63 @@
+// Holders for descriptors and streams, so that every path out of a function releases them.
+//
+// Owns:   what it was given, until release() or reset().
+// Errors: none; closing keeps errno, so that a failure can still be reported after a holder is
+// gone.
+#ifndef BASE_HANDLES_H
+#define BASE_HANDLES_H
+
+#include <cerrno>
+#include <cstdio>
+#include <dirent.h>
+#include <memory>
+#include <unistd.h>
+
+class unique_fd {
+public:
+    unique_fd() = default;
+    explicit unique_fd(int fd) : fd_(fd) {}
+    unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
+    unique_fd &operator=(unique_fd &&other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+    unique_fd(const unique_fd &) = delete;
+    unique_fd &operator=(const unique_fd &) = delete;
+    ~unique_fd() { reset(); }
+
+    explicit operator bool() const { return fd_ >= 0; }
+    int get() const { return fd_; }
+    int release() {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset(int fd = -1) {
+        const int saved = errno;
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = fd;
+        errno = saved;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+struct stream_closer {
+    void operator()(DIR *stream) const {
+        const int saved = errno;
+        closedir(stream);
+        errno = saved;
+    }
+    void operator()(FILE *stream) const {
+        const int saved = errno;
+        fclose(stream);
+        errno = saved;
+    }
+};
+
+using unique_dir = std::unique_ptr<DIR, stream_closer>;
+using unique_file = std::unique_ptr<FILE, stream_closer>;
+
+#endif

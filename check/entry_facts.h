@@ -1,0 +1,43 @@
+// What the disk says about one entry, collected the way in which the service opens its directories.
+//
+// Errors: an operation that failed is a fact; its errno is kept.
+#ifndef CHECK_ENTRY_FACTS_H
+#define CHECK_ENTRY_FACTS_H
+
+#include "config/watch_entry.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <sys/types.h>
+
+struct directory_facts {
+    int open_error = ENOENT; // 0 when it could be opened; only then is the rest set
+    std::string path;        // where it really is
+    dev_t device = 0;        // of its file system
+    ino_t inode = 0;
+    uint64_t mount = 0;   // which of the mounts; the same for all where the kernel does not tell
+    int rename_error = 0; // errno where names in it cannot be changed
+    size_t longest_name = 255; // bytes
+};
+
+inline bool is_same_directory(const directory_facts &a, const directory_facts &b) {
+    return a.open_error == 0 && b.open_error == 0 && a.device == b.device && a.inode == b.inode;
+}
+
+struct entry_facts {
+    directory_facts watch;
+    std::string target_name;      // empty when the target's path ends in no name
+    std::string target_directory; // as configured
+    directory_facts target;       // of that directory
+    directory_facts archive;
+    mode_t target_mode = 0; // 0 when nothing stands at the target
+};
+
+// A directory by its path, which is followed through symbolic links.
+directory_facts collect_directory_facts(const std::string &path);
+
+// Opens and closes what the entry names. Changes nothing, and holds no descriptor afterwards.
+entry_facts collect_facts(const WatchEntry &entry);
+
+#endif

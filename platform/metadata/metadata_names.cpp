@@ -1,0 +1,72 @@
+#include "platform/include/metadata_v4.h"
+
+#include <cerrno>
+#include <climits>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view prefix = ".";
+constexpr std::string_view suffix = ".metadir";
+
+bool is_file_name(std::string_view name) {
+    return !name.empty() && name != "." && name != "..";
+}
+
+// The directory part of a path with its slash, and what follows.
+struct split_path {
+    std::string_view directory;
+    std::string_view name;
+};
+
+split_path split(std::string_view path) {
+    const size_t slash = path.rfind('/');
+    const size_t start = slash == std::string_view::npos ? 0 : slash + 1;
+    return {path.substr(0, start), path.substr(start)};
+}
+
+// The file name within a metadata directory name, or nothing when it is no such name.
+std::string_view file_of(std::string_view metadir) {
+    if (metadir.size() <= prefix.size() + suffix.size() || metadir.size() > NAME_MAX ||
+        metadir.substr(0, prefix.size()) != prefix ||
+        metadir.substr(metadir.size() - suffix.size()) != suffix)
+        return {};
+    const std::string_view name =
+        metadir.substr(prefix.size(), metadir.size() - prefix.size() - suffix.size());
+    return is_file_name(name) ? name : std::string_view();
+}
+
+int fail(int error) {
+    errno = error;
+    return -1;
+}
+
+// Writes the texts one after another and a NUL.
+template<typename... Texts> int put(char *buffer, size_t size, Texts... texts) {
+    if ((texts.size() + ... + 1) > size)
+        return fail(ERANGE);
+    ((buffer += texts.copy(buffer, texts.size())), ...);
+    *buffer = '\0';
+    return 0;
+}
+
+} // namespace
+
+int metadata_v4_file_to_metadir(char *buffer, size_t size, const char *path) {
+    const auto [directory, name] = split(path);
+    if (!is_file_name(name))
+        return fail(EINVAL);
+    if (prefix.size() + name.size() + suffix.size() > NAME_MAX)
+        return fail(ENAMETOOLONG);
+    return put(buffer, size, directory, prefix, name, suffix);
+}
+
+int metadata_v4_metadir_to_file(char *buffer, size_t size, const char *path) {
+    const auto [directory, name] = split(path);
+    const std::string_view file = file_of(name);
+    return file.empty() ? fail(EINVAL) : put(buffer, size, directory, file);
+}
+
+int metadata_v4_context_is_metadata_name(const char *name) {
+    return file_of(split(name).name).empty() ? 0 : 1;
+}

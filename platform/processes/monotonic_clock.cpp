@@ -1,0 +1,9 @@
+#include "platform/include/process_util.h"
+
+#include <ctime>
+
+uint64_t monotonic_clock_us(void) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}

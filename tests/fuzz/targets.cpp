@@ -1,0 +1,109 @@
+// What is given bytes from outside, given any bytes. Compiled once for each function, which
+// FUZZ_TARGET names.
+#include "config/configuration_load.h"
+#include "config/toml_guard.h"
+#include "config/watch_entry.h"
+#include "platform/metadata/metadata_text.h"
+#include "platform/processes/proc_tables.h"
+#include "platform/processes/socket_answer.h"
+#include "service/command_line.h"
+#include "tests/support.h"
+
+#include <cassert>
+#include <cstring>
+#include <iostream>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+// The trial run that keeps a crash of the parser away from the service would hide it here.
+void refuse_unfit_toml(const std::string & /*path*/) {}
+
+namespace {
+
+std::string entries_of(const metadata_text &text) {
+    std::string all;
+    for (const metadata_line &line : text.lines)
+        for (const char *part : {line.texts.name, line.texts.value})
+            all += part == nullptr ? std::string(1, '\0') : part + std::string("\1");
+    return all;
+}
+
+// What was read is written back to the byte, and what was changed or added is read back.
+[[maybe_unused]] void metadata(const std::string &input) {
+    metadata_text text = parse_metadata(input);
+    assert(metadata_to_text(text) == input);
+    const std::string name = "a=\\" + input.substr(0, strnlen(input.c_str(), 9)) + "\n";
+    if (!text.lines.empty())
+        change_metadata_line(text, text.lines[input.size() % text.lines.size()], name, &input[0]);
+    add_metadata_line(text, name, "\n\\");
+    assert(entries_of(parse_metadata(metadata_to_text(text))) == entries_of(text));
+}
+
+// Only what is an exception comes out, and only usable entries get in.
+[[maybe_unused]] void configuration_file(const std::string &input) {
+    static const int fd = memfd_create("configuration", MFD_CLOEXEC);
+    configuration_path = "/proc/self/fd/" + std::to_string(fd);
+    assert(ftruncate(fd, 0) == 0 &&
+           pwrite(fd, input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()));
+    configuration.clear();
+    try {
+        assert(load_configuration() || configuration.empty());
+    } catch (const std::exception &) {
+    }
+    for (const auto &[key, entry] : configuration)
+        assert(key == entry.name && entry.is_valid());
+}
+
+// Arguments that end in NUL: what is taken for the directory is one of them, or the end of one.
+[[maybe_unused]] void command_line(const std::string &input) {
+    std::vector<const char *> arguments = {"program"};
+    for (size_t at = 0; at < input.size() && arguments.size() < 9; at += strlen(&input[at]) + 1)
+        arguments.push_back(&input[at]);
+    std::string directory;
+    std::cout.setstate(std::ios::failbit);
+    std::cerr.setstate(std::ios::failbit);
+    const auto count = static_cast<int>(arguments.size());
+    const int status = parse_command_line(count, arguments.data(), directory).value_or(0);
+    assert(status == 0 || status == 1);
+    assert(input.empty() || (input + '\0').find(directory + '\0') != std::string::npos);
+}
+
+[[maybe_unused]] void socket_answer(const std::string &input) {
+    std::vector<long> aligned(input.size() / sizeof(long) + 1);
+    memcpy(aligned.data(), input.data(), input.size());
+    const auto *part = reinterpret_cast<const char *>(aligned.data());
+    for (const bool has_own_device : {false, true}) {
+        int64_t inode = 0;
+        const auto state = read_socket_answer(
+            part, input.size(), {"/run/item.socket", {26, 1234}, has_own_device}, inode);
+        assert(inode >= 0 && (state != answer_state::more || inode <= UINT32_MAX));
+    }
+}
+
+// A table is read piece by piece: a line is found whatever stands before it.
+[[maybe_unused]] void process_tables(const std::string &input) {
+    const file_identity file{makedev(0xfe, 0x1a), 4711};
+    const file_identity no_file{makedev(0xfff, 0xfffff), 1};
+    assert(maps_file(input + "\n7f-80 r--p 00 fe:1a 4711    /a", file));
+    assert(device_of_mount(input + "\n7777777 1 0:5 /", 7777777));
+    assert(parse_descriptor_info(input + "\nino:\t9").inode == 9U);
+    const size_t half = input.rfind('\n', input.size() / 2) + 1; // 0 without one
+    const std::string_view lines = input;
+    assert(maps_file(lines, no_file) ==
+           (maps_file(lines.substr(0, half), no_file) || maps_file(lines.substr(half), no_file)));
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    FUZZ_TARGET(std::string(reinterpret_cast<const char *>(data), size));
+    return 0;
+}
+
+#ifdef REPLAY // the inputs that are kept, in the folder that is the last argument
+int main(int argc, char **argv) {
+    assert(!fs::is_empty(argv[argc - 1]));
+    for (const auto &item : fs::directory_iterator(argv[argc - 1]))
+        FUZZ_TARGET(read_file(item.path()));
+}
+#endif
