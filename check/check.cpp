@@ -5,7 +5,6 @@
 #include "check/file_rules.h"
 #include "config/configuration_load.h"
 #include "config/directory_discovery.h"
-#include "service/main_loop.h"
 #include "service/main_storage.h"
 
 #include <algorithm>

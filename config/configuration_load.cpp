@@ -1,12 +1,14 @@
 #include "config/configuration_load.h"
 
 #include "base/diagnostics.h"
-#include "config/toml_guard.h"
 #include "config/watch_entry.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <utility>
@@ -18,6 +20,19 @@ std::string configuration_path = "/etc/vel4_watch_folder.toml";
 namespace {
 
 constexpr char event_prefix[] = "event";
+constexpr size_t nesting_limit = 5000;
+
+// The parser opens whatever the path leads to, waits for a FIFO, and recurses without a bound.
+void refuse_unfit_file(const string &path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0)
+        return; // the parser reports it
+    if (!S_ISREG(status.st_mode))
+        throw cpptoml::parse_exception("not a regular file");
+    std::ifstream file(path, std::ios::binary);
+    if (nests_too_deep(string(std::istreambuf_iterator<char>(file), {})))
+        throw cpptoml::parse_exception("nested too deep");
+}
 
 std::shared_ptr<cpptoml::base> find_element(const cpptoml::table &table, const char *key) {
     try {
@@ -63,6 +78,37 @@ void add_event_array(cpptoml::table_array &tables) {
 
 } // namespace
 
+// Never counts too little. In cpptoml, parse_array consumes a "[" and parse_inline_table a "{" for
+// each call of itself, and each further table that a key or a section's name makes or enters
+// consumes a ".". All of these bytes are counted, within strings and comments too, and none is
+// taken off again.
+//
+// To start again at a line "[event" or "[[event" is safe. Outside of a value the line is the name
+// of a section, which parse() looks up from the root, with no call open. Within an array, the one
+// value that goes on over lines besides a string, the parser throws at this line: no value begins
+// with "e" (determine_value_type), and an array of scalars that lacks its "]" takes the first "["
+// for it, which its caller then finds followed by "e" or "[" (eol_or_comment, parse_object_array,
+// parse_inline_table). Only within a multi-line string is the line mere text, and parse_string
+// begins one at three equal quotation marks only.
+bool nests_too_deep(std::string_view text) {
+    constexpr auto none = std::string_view::npos;
+    size_t count = 0;
+    bool may_be_in_string = false;
+    for (size_t begin = 0, end = 0; begin < text.size(); begin = end + 1) {
+        end = std::min(text.find('\n', begin), text.size());
+        const std::string_view line = text.substr(begin, end - begin);
+        if (!may_be_in_string && (line.substr(0, 6) == "[event" || line.substr(0, 7) == "[[event"))
+            count = 0;
+        for (const char c : line)
+            count += c == '[' || c == '{' || c == '.' ? 1 : 0;
+        if (count > nesting_limit)
+            return true;
+        if (line.find("\"\"\"") != none || line.find("'''") != none)
+            may_be_in_string = true;
+    }
+    return false;
+}
+
 void add_event_table(const string &name, const std::shared_ptr<cpptoml::table> &table) {
     if (configuration.find(name) != configuration.end()) {
         diag("Warning: Duplicate section '%s'\n", name.c_str());
@@ -92,7 +138,7 @@ bool load_configuration() {
     }
     std::shared_ptr<cpptoml::table> root;
     try {
-        refuse_unfit_toml(configuration_path);
+        refuse_unfit_file(configuration_path);
         root = cpptoml::parse_file(configuration_path);
     } catch (const cpptoml::parse_exception &error) {
         diag("%s: TOML parse error: %s\n", configuration_path.c_str(), error.what());
@@ -114,4 +160,13 @@ bool load_configuration() {
             add_event_table(key, element->as_table());
     }
     return true;
+}
+
+bool try_load_configuration() {
+    try {
+        return load_configuration();
+    } catch (const std::exception &error) {
+        diag("%s: %s\n", configuration_path.c_str(), error.what());
+        return false;
+    }
 }

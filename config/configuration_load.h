@@ -1,8 +1,6 @@
 // The configuration file: each of its event tables becomes a watch entry.
 //
-// Errors: cpptoml's exceptions other than its parse error pass through load_configuration.
-// Prints: one line for each section added, refused or passed over as a duplicate, or for the file
-// that
+// Prints: one line for each section added, refused or ignored as a duplicate, or for a file that
 //         could not be read.
 #ifndef CONFIG_CONFIGURATION_LOAD_H
 #define CONFIG_CONFIGURATION_LOAD_H
@@ -10,16 +8,24 @@
 #include <cpptoml.h>
 #include <memory>
 #include <string>
+#include <string_view>
 
 extern std::string configuration_path;
 
 // Adds the entries of the file at configuration_path to the registry, which it does not clear.
 // False, with the registry as it was, when the file cannot be examined or parsed; true otherwise,
-// also when there was nothing to add.
+// also when there was nothing to add. Lets through what the parser throws besides its parse error.
 bool load_configuration();
+
+// load_configuration, with any exception reported as a failure: "%s: %s" with the exception's text.
+[[nodiscard]] bool try_load_configuration();
 
 // Adds one event table under this name. A table that is not valid, or whose name is taken, leaves
 // the registry as it was.
 void add_event_table(const std::string &name, const std::shared_ptr<cpptoml::table> &table);
+
+// May the values, keys and section names of the text nest deeper than the parser's stack carries?
+// True when one section has more than 5,000 of the bytes "[", "{" and ".", wherever they stand.
+bool nests_too_deep(std::string_view text);
 
 #endif

@@ -16,13 +16,6 @@ RegexState::RegexState(RegexState &&other) noexcept
     : compiled(std::exchange(other.compiled, nullptr)), error(std::move(other.error)),
       pattern(std::move(other.pattern)) {}
 
-RegexState &RegexState::operator=(RegexState other) noexcept {
-    std::swap(compiled, other.compiled);
-    std::swap(error, other.error);
-    std::swap(pattern, other.pattern);
-    return *this;
-}
-
 RegexState::~RegexState() {
     if (compiled != nullptr)
         pcre_free(std::exchange(compiled, nullptr));

@@ -13,7 +13,7 @@ struct RegexState {
     explicit RegexState(const char *text);
     RegexState(const RegexState &other);
     RegexState(RegexState &&other) noexcept;
-    RegexState &operator=(RegexState other) noexcept;
+    RegexState &operator=(const RegexState &) = delete;
     ~RegexState();
 
     bool init_regex(const char *text);

@@ -100,9 +100,10 @@ std::optional<tm> capture_time() {
 
 // The recorded original name when it is free in the archive; otherwise that name, or the target's
 // own, with a suffix.
-std::string choose_archive_name(int archive_fd, const ItemContext &target, ItemMetadata &list) {
+std::string choose_archive_name(int archive_fd, const ItemContext &target) {
     std::string archive_name = target.file_name();
     const std::optional<tm> captured = capture_time();
+    ItemMetadata list;
     const std::string original_name = read_original_name(target, list);
     bool needs_suffix = true;
     if (!original_name.empty()) {
@@ -116,9 +117,7 @@ std::string choose_archive_name(int archive_fd, const ItemContext &target, ItemM
 
 // Moves the item in place into the archive. False when something that was there could not be moved.
 bool archive_item(const item_place &in_place, unique_fd archive, const ItemContext &target) {
-    ItemMetadata list;
-    const item_place archived =
-        place_of(archive.get(), choose_archive_name(archive.get(), target, list));
+    const item_place archived = place_of(archive.get(), choose_archive_name(archive.get(), target));
     bool moved = true;
     if (!archive_file(in_place, archived)) {
         diag("Cannot move ARCHIVE file into directory, %s\n", strerror(errno));

@@ -7,10 +7,11 @@
 #include <string>
 
 // Does the metadata directory, opened beforehand, hold an active-socket marker: a regular file, or
-// a symbolic link to a socket that a living process serves? False when that cannot be told.
+// a symbolic link to a socket that a living process serves? A marker that cannot be examined counts
+// as none; a socket of which it cannot be told who serves it counts as served.
 bool is_item_running(const ItemContext &item);
 
-// Does any process hold the file open? False when that cannot be told.
+// Does any process hold the file open? True also when that cannot be told.
 bool is_path_in_use(const std::string &path);
 
 #endif

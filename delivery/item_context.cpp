@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <fcntl.h>
 
-// The library owns this layout; a library with another one must not get past the compiler.
+// The library is compiled apart: this header must keep its layout.
 static_assert(
     offsetof(metadata_v4_context, dir_path) == 0 && sizeof(metadata_v4_context::dir_path) == 8 &&
         offsetof(metadata_v4_context, dir_fd) == 8 && sizeof(metadata_v4_context::dir_fd) == 4 &&

@@ -2,8 +2,7 @@
 // descriptors.
 //
 // Owns:   the library's context, and through it every descriptor stored there.
-// Errors: operations return false; none throws. A holder that got no context acts as if nothing
-// were
+// Errors: operations return false; none throws. A holder without a context acts as if nothing were
 //         there.
 #ifndef DELIVERY_ITEM_CONTEXT_H
 #define DELIVERY_ITEM_CONTEXT_H

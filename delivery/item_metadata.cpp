@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-// The library owns these layouts too.
+// These layouts are the library's too.
 static_assert(offsetof(metadata_v4_metadata_context, entry_count) == 8 &&
                   sizeof(metadata_v4_metadata_context::entry_count) == 8 &&
                   offsetof(metadata_v4_metadata_context, descriptor) == 48 &&

@@ -8,27 +8,28 @@ namespace {
 
 constexpr char original_name_key[] = "original filename";
 
-// Prints every entry that has a name and a value; returns the index of the last one with the key,
-// or the number of entries when none has it.
-uint64_t print_entries(const ItemMetadata &list) {
-    const uint64_t count = list.entry_count();
-    uint64_t position = count;
-    for (uint64_t index = 0; index < count; ++index) {
-        const metadata_v4_metadata_entry *entry = list.entry_at(index);
-        if (entry == nullptr)
-            continue;
-        if (strcmp(entry->name, original_name_key) == 0)
-            position = index;
-        diag("metadata '%s'='%s'\n", entry->name, entry->value);
+// The index of the last entry with the key, or the number of entries when none has it.
+uint64_t find_original_name(const ItemMetadata &list) {
+    for (uint64_t index = list.entry_count(); index > 0; --index) {
+        const metadata_v4_metadata_entry *entry = list.entry_at(index - 1);
+        if (entry != nullptr && strcmp(entry->name, original_name_key) == 0)
+            return index - 1;
     }
-    return position;
+    return list.entry_count();
+}
+
+void print_entries(const ItemMetadata &list) {
+    for (uint64_t index = 0; index < list.entry_count(); ++index)
+        if (const metadata_v4_metadata_entry *entry = list.entry_at(index))
+            diag("metadata '%s'='%s'\n", entry->name, entry->value);
 }
 
 void store_name(const ItemContext &target, const char *name) {
     ItemMetadata list;
     if (!list.load_from_file(target, true))
         diag("Target meta load fail\n");
-    const uint64_t position = print_entries(list);
+    print_entries(list);
+    const uint64_t position = find_original_name(list);
     const bool already = position < list.entry_count();
     diag("already=%u\n", already ? 1U : 0U);
     if (already)
@@ -44,7 +45,8 @@ void store_name(const ItemContext &target, const char *name) {
 std::string read_original_name(const ItemContext &target, ItemMetadata &list) {
     if (!list.load_from_file(target, false))
         diag("Target meta load fail from old file\n");
-    const metadata_v4_metadata_entry *entry = list.entry_at(print_entries(list));
+    print_entries(list);
+    const metadata_v4_metadata_entry *entry = list.entry_at(find_original_name(list));
     std::string name = entry == nullptr ? "" : entry->value;
     if (name.find('/') != std::string::npos) {
         diag("Forward slash in original name, rejecting.\n");

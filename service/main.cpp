@@ -24,8 +24,7 @@ void open_standard_descriptors() {
             open("/dev/null", O_RDWR); // the lowest free number, which is fd
 }
 
-// A reader that has gone, or a limit on the size of files, is an error of the write and not the
-// end.
+// Failed writes return EPIPE or EFBIG instead of ending the process.
 void ignore_signals_of_writes() {
     for (const int signal_number : {SIGPIPE, SIGXFSZ})
         signal(signal_number, SIG_IGN);
@@ -59,7 +58,6 @@ std::optional<int> load_registry(const std::string &watch_folder_dir) {
 int main(int argc, char **argv) {
     open_standard_descriptors();
     ignore_signals_of_writes();
-    bound_standard_error();
     std::string watch_folder_dir;
     if (const auto status = parse_command_line(argc, argv, watch_folder_dir))
         return *status;

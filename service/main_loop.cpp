@@ -10,6 +10,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <exception>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -22,7 +23,7 @@ namespace {
 
 constexpr uint64_t first_check_delay_us = 500000;
 constexpr uint64_t rescan_interval_us = 300000000;
-constexpr uint64_t grid_slack_us = 1000000;
+constexpr uint64_t shortest_wait_us = 1000000;
 constexpr unsigned int most_stop_signals = 9;
 
 void change_hup_mask(int how) {
@@ -40,15 +41,15 @@ void rescan_if_due(uint64_t now, uint64_t &rescan_at_us, const std::string &watc
         configuration = build_directory_configuration(watch_folder_dir);
 }
 
-// The next due time stays on the grid unless the check is so late that the next would follow at
-// once.
+// A check is due 60 s after the last due time, not after the last check: delays do not add up.
+// Unless this check is so late that the next one would follow within a second.
 void check_or_sleep(uint64_t now) {
     if (next_check_us > now) {
         sleep(1);
         return;
     }
     const uint64_t candidate = next_check_us + check_interval_us;
-    next_check_us = candidate > now + grid_slack_us ? candidate : now + check_interval_us;
+    next_check_us = candidate > now + shortest_wait_us ? candidate : now + check_interval_us;
     run_check();
 }
 
@@ -83,17 +84,12 @@ void install_signal_handlers() {
 }
 
 void run_check() {
-    update_main_path();
-    if (!main_path.empty())
-        check_watch_entries();
-}
-
-bool try_load_configuration() {
     try {
-        return load_configuration();
+        update_main_path();
+        if (!main_path.empty())
+            check_watch_entries();
     } catch (const std::exception &error) {
-        diag("%s: %s\n", configuration_path.c_str(), error.what());
-        return false;
+        diag("Check not completed, %s\n", error.what());
     }
 }
 

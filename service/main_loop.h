@@ -1,7 +1,8 @@
 // The main loop: a check every 60 seconds, a rescan every 300, reload and stop on signals.
 //
 // Units:  microseconds of the monotonic clock.
-// Prints: "Reloading config, SIGHUP", "Warning: Configuration load failure".
+// Prints: "Reloading config, SIGHUP", "Warning: Configuration load failure",
+//         "Check not completed, %s".
 #ifndef SERVICE_MAIN_LOOP_H
 #define SERVICE_MAIN_LOOP_H
 
@@ -23,12 +24,9 @@ void on_stop_signal(int signal_number);
 // Unblocks SIGHUP and installs the handlers.
 void install_signal_handlers();
 
-// One due check: a watch pass when the main storage resolves.
+// One due check: a watch pass when the main storage resolves. Throws nothing: without memory for
+// the path of the main storage it prints "Check not completed, %s".
 void run_check();
-
-// load_configuration for a service that no configuration file may end: an exception out of the
-// parser is one line with its text, "%s: %s", and a failure.
-[[nodiscard]] bool try_load_configuration();
 
 // Runs until a stop signal was counted. A directory selects directory mode, an empty text
 // configuration-file mode.

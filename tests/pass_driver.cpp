@@ -49,7 +49,7 @@ int main(int argc, char **argv) {
         return 2;
     signal(SIGPIPE, SIG_IGN);
     signal(SIGTERM, [](int /*signal_number*/) { _exit(0); });
-    bound_standard_error();
+    
     main_path = realpath_string(argv[1]);
     configuration_path = main_path + "/event.toml";
     const bool reloads = access(configuration_path.c_str(), F_OK) == 0;

@@ -107,7 +107,7 @@ int main(int argc, char **argv) {
         << "\"match pattern\" = [\"\\\\.mxf$\", \"(\"]\n\"target file\" = \"x\"\n"
         << "[event2]\n\"watch path\" = \"" << tree << "/Upload/two\"\n"
         << "\"match pattern\" = \"\\\\.mxf$\"\n\"target file\" = \"" << tree << "/Play/two\"\n";
-    bound_standard_error();
+    
     util_check_and_unmask_common_signals();
     install_signal_handlers();
     configuration = build_directory_configuration(tree);

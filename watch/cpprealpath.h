@@ -4,8 +4,8 @@
 
 #include <string>
 
-// Empty for a negative descriptor or one that cannot be resolved; cut to 4095 bytes. Keeps no
-// errno.
+// Empty for a negative descriptor or one that cannot be resolved; cut to 4095 bytes.
+// errno is undefined afterwards.
 std::string procfs_fd_realpath(int fd);
 
 #endif

@@ -14,7 +14,7 @@ void scan(const WatchEntry &entry) {
     try {
         check_watch_folder(entry);
     } catch (const std::exception &error) {
-        diag("* cannot scan directory, %s\n", error.what());
+        diag("* scan not completed, %s\n", error.what());
     }
 }
 

@@ -1,7 +1,6 @@
 // What is given bytes from outside, given any bytes. Compiled once for each function, which
 // FUZZ_TARGET names.
 #include "config/configuration_load.h"
-#include "config/toml_guard.h"
 #include "config/watch_entry.h"
 #include "platform/metadata/metadata_text.h"
 #include "platform/processes/proc_tables.h"
@@ -14,9 +13,6 @@
 #include <iostream>
 #include <sys/sysmacros.h>
 #include <unistd.h>
-
-// The trial run that keeps a crash of the parser away from the service would hide it here.
-void refuse_unfit_toml(const std::string & /*path*/) {}
 
 namespace {
 
