@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <utility>
@@ -29,8 +28,9 @@ void refuse_unfit_file(const string &path) {
         return; // the parser reports it
     if (!S_ISREG(status.st_mode))
         throw cpptoml::parse_exception("not a regular file");
-    std::ifstream file(path, std::ios::binary);
-    if (nests_too_deep(string(std::istreambuf_iterator<char>(file), {})))
+    string text(static_cast<size_t>(status.st_size), '\0');
+    std::ifstream(path, std::ios::binary).read(text.data(), status.st_size);
+    if (nests_too_deep(text))
         throw cpptoml::parse_exception("nested too deep");
 }
 
@@ -110,11 +110,12 @@ bool nests_too_deep(std::string_view text) {
 }
 
 void add_event_table(const string &name, const std::shared_ptr<cpptoml::table> &table) {
-    if (configuration.find(name) != configuration.end()) {
+    const auto [added, is_new] = configuration.try_emplace(name);
+    if (!is_new) {
         diag("Warning: Duplicate section '%s'\n", name.c_str());
         return;
     }
-    WatchEntry &entry = configuration[name];
+    WatchEntry &entry = added->second;
     entry.name = name;
     read_text(*table, "watch path", entry.watch_path);
     read_patterns(*table, entry.patterns);
