@@ -137,9 +137,6 @@ public:
         description_ = "Display usage information.";
         return add_argument(option.option_);
     }
-    cli &operator|=(const opt &option) { return add_argument(option); }
-    cli &operator|=(const arg &argument) { return add_argument(argument); }
-    cli &operator|=(const help &option) { return add_argument(option); }
 
     // Sets the bound variables from left to right; those before a faulty argument stay set.
     parse_result parse(const args &arguments) {
@@ -247,14 +244,8 @@ private:
     std::vector<opt> options_;
 };
 
-inline cli operator|(cli parser, const opt &option) {
-    return std::move(parser |= option);
-}
-inline cli operator|(cli parser, const arg &argument) {
-    return std::move(parser |= argument);
-}
-inline cli operator|(cli parser, const help &option) {
-    return std::move(parser |= option);
+template<typename Argument> cli operator|(cli parser, const Argument &argument) {
+    return std::move(parser.add_argument(argument));
 }
 
 // The usage text of a parser, with the program name of its last parse.
