@@ -1,124 +1,126 @@
-/* Metadata of media items: names, locations and the name/value list of an item.
- *
- * A media item is a file plus a metadata directory beside it: that of news.mxf is
- * .news.mxf.metadir. The directory holds the file "metadata", one entry a line, name=value, with
- * the escapes \\ and \n and, in a name, \=. A line without an unescaped "=" is an entry without
- * value, one that begins with
- * "=" an entry without name; a line with a NUL byte is an entry with neither, since texts end at
- * NUL.
- *
- * Owns:   a context owns its texts and descriptors, a list its entries; both end with their
- * destroy. Errors: functions that return int give a negative number, with errno, unless they say
- * otherwise. Prints: nothing.
- *
- * Whoever can write into a watch folder can plant anything there. Nothing here follows a symbolic
- * link at a metadata directory, a metadata file or a temporary file, waits for a FIFO, or writes
- * through a name that it did not create itself.
- */
+// Metadata of media items: names, locations and the name/value list of an item.
+//
+// A media item is a file plus a metadata directory beside it: that of news.mxf is
+// .news.mxf.metadir. The directory holds the file "metadata", one entry a line, name=value, with
+// the escapes \\ and \n and, in a name, \=. A line without an unescaped "=" is an entry without
+// value, one that begins with "=" an entry without name. A line with a NUL byte is an entry with
+// neither, since texts end at NUL.
+//
+// Owns:   a context owns its texts and descriptors, a list its entries; both end with their
+//         destroy.
+// Errors: functions that return int give a negative number, with errno, unless they say otherwise.
+// Prints: nothing.
+//
+// Whoever can write into a watch folder can plant anything there. Nothing here follows a symbolic
+// link at a metadata directory, a metadata file or a temporary file, waits for a FIFO, or writes
+// through a name that it did not create itself.
+//
+// Reserved arguments, flags and the lengths of texts must be 0 or null, but for the last argument
+// of the name/value calls, which must be -1.
 #ifndef PLATFORM_INCLUDE_METADATA_V4_H
 #define PLATFORM_INCLUDE_METADATA_V4_H
 
 #include <stddef.h>
 #include <stdint.h>
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
-/* With this flag, metadata_v4_context_open_file_handles makes a missing metadata directory. */
+// With this flag, metadata_v4_context_open_file_handles makes a missing metadata directory.
 #define METADATA_V4_CREATE_METADIR 0x20
 
-/* One file location. Callers may open dir_fd and metadir_fd themselves; the context closes them. */
+// One file location. Callers may open dir_fd and metadir_fd themselves; the context closes them.
 typedef struct metadata_v4_context {
-    char *dir_path;     /* null while no location is set */
-    int32_t dir_fd;     /* negative while not open, like the other two */
-    char *file_name;    /* null while no location is set */
-    int32_t file_fd;    /* an O_PATH descriptor: it marks the file, and is no use of it */
-    char *metadir_name; /* null also when the file name is too long to have a metadata directory */
+    char *dir_path;     // null while no location is set
+    int32_t dir_fd;     // negative while not open, like the other two
+    char *file_name;    // null while no location is set
+    int32_t file_fd;    // O_PATH: does not count as an open
+    char *metadir_name; // null also when the file name is too long to have a metadata directory
     int32_t metadir_fd;
     uint8_t flags;
-    /* The library's own: the directory that dir_fd was when the file was first opened in it. */
+    // The library's own: the directory that dir_fd was when the file was first opened in it.
     uint64_t dir_device;
     uint64_t dir_inode;
 } metadata_v4_context;
 
-/* One list of entries. */
+// One list of entries.
 typedef struct metadata_v4_metadata_context {
     void *implementation;
     uint64_t entry_count;
     void *reserved[4];
-    int32_t
-        descriptor; /* of the metadata directory, borrowed from the context; negative: not bound */
+    // Of the metadata directory, borrowed from the context. Negative while not bound.
+    int32_t descriptor;
 } metadata_v4_metadata_context;
 
-/* One entry; either text may be null. Valid until the list is changed, loaded again or destroyed.
- */
+// One entry; either text may be null. Valid until the list is changed, loaded or destroyed.
 typedef struct metadata_v4_metadata_entry {
     char *name;
     char *value;
 } metadata_v4_metadata_entry;
 
-/* Map the last component of a path and keep its directory part. 0 on success; fails for a path
- * without a last component (empty, ends in "/", "." or ".."), for a metadata directory name over
- * 255 bytes, for a buffer that is too small, and, in the second, for what is no such name. */
+// Map the last component of a path and keep its directory part. 0 on success. They fail for a path
+// without a last component (empty, ends in "/", "." or ".."), for a metadata directory name over
+// 255 bytes, for a buffer that is too small and, in the second, for what is no such name.
 int metadata_v4_file_to_metadir(char *buffer, size_t size, const char *path);
 int metadata_v4_metadir_to_file(char *buffer, size_t size, const char *path);
 
-/* 1 when the last component of name is a metadata directory name, else 0. */
+// 1 when the last component of name is a metadata directory name, else 0.
 int metadata_v4_context_is_metadata_name(const char *name);
 
-/* A context without location, or null when out of memory. */
+// A context without location, or null when out of memory.
 metadata_v4_context *metadata_v4_context_create(void);
 
-/* Closes the handles and releases the context, which may be null. */
+// Closes the handles and releases the context, which may be null.
 void metadata_v4_context_destroy(metadata_v4_context *context);
 
-/* Splits path and closes the handles of an earlier location. Opens nothing and does not need the
- * file to exist. On failure (no last component, out of memory) the context has no location. */
+// Splits path and closes the handles of an earlier location. Opens nothing and does not need the
+// file to exist. On failure (no last component, out of memory) the context has no location.
 int metadata_v4_context_set_file_location(metadata_v4_context *context, const char *path);
 
-/* Opens the file in the opened directory with O_PATH, without following a symbolic link. */
+// Opens the file in the opened directory with O_PATH, without following a symbolic link. Fails with
+// ESTALE, and closes the directory, when it is another one than that in which the file of this
+// location was first opened.
 int metadata_v4_context_open_the_file(metadata_v4_context *context);
 
-/* Closes what is open and opens the directory, the file and the metadata directory. Fails when the
- * file is not there, and with ESTALE when the directory is another one than that which the
- * file of this location was first opened in; it then makes nothing. What was opened before a
- * failure stays open. */
+// Closes what is open and opens the directory, the file, as above, and the metadata directory.
+// Fails when the file is not there; it then makes nothing. A directory that is made belongs to the
+// owner and group of the file where that may be set, and is readable to whom the file is. What was
+// opened before a failure stays open.
 int metadata_v4_context_open_file_handles(metadata_v4_context *context);
 
-/* Closes every descriptor in the context. Keeps errno. */
+// Closes every descriptor in the context. Keeps errno.
 void metadata_v4_context_close_file_handles(metadata_v4_context *context);
 
-/* An empty, unbound list, or null when out of memory. */
+// An empty, unbound list, or null when out of memory.
 metadata_v4_metadata_context *metadata_v4_metadata_context_create(void);
 
-/* Releases the list, which may be null. */
+// Releases the list, which may be null.
 void metadata_v4_metadata_context_destroy(metadata_v4_metadata_context *list);
 
-/* Replaces the entries by those of the item, whose metadata directory must be open in the context.
- * for_writing 0: fails when there is no metadata file. for_writing 1: binds the list to the
- * metadata directory, and a missing file is an empty list. A metadata file that is not a regular
- * file, is larger than 8 MiB or cannot be read is a failure either way. A failure leaves the list
- * empty and unbound, so that nothing is overwritten. The last argument must be null. */
+// Replaces the entries by those of the item, whose metadata directory must be open in the context.
+// for_writing 0: fails when there is no metadata file. for_writing 1: binds the list to the
+// metadata directory, and a missing file is an empty list. A metadata file that is not a regular
+// file, is larger than 8 MiB or cannot be read is a failure either way. A failure leaves the list
+// empty and unbound, so that nothing is overwritten.
 int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_context *list,
                                                          metadata_v4_context *context,
                                                          int for_writing, void *reserved);
 
-/* Replaces the metadata file of the context to which the list is bound: at every instant, a crash
- * included, the old or the new one is there, whole. Entries that were not changed are written as
- * they were read; mode and owner of an existing file are kept. On failure the old file stands and
- * no temporary file is left. The last two arguments must be 0 and null. */
+// Replaces the metadata file of the context to which the list is bound: at every instant, a crash
+// included, the old or the new one is there, whole. Entries that were not changed are written as
+// they were read. The mode of an existing file is kept, and owner and group where they may be set;
+// a new file takes them from the directory. On failure the old file stands and no temporary file is
+// left.
 int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_context *list,
                                                         metadata_v4_context *context, int flags,
                                                         void *reserved);
 
-/* The entry at an index, or null. */
+// The entry at an index, or null.
 metadata_v4_metadata_entry *
 metadata_v4_metadata_context_read_entry(metadata_v4_metadata_context *list, uint64_t index);
 
-/* Change an entry of the list, or add one at its end. A length of 0 means up to the NUL. The name
- * must not be empty. The last argument must be -1. On failure the list is unchanged; where memory
- * ran out it is no longer bound either, so that it is not stored without the change. */
+// Change an entry of the list, or add one at its end. The name must not be empty. On failure, which
+// is for lack of memory, the list is unchanged and no longer bound, so that it is not stored
+// without the change.
 int metadata_v4_metadata_context_set_name_value_pair(metadata_v4_metadata_context *list,
                                                      metadata_v4_metadata_entry *entry,
                                                      const char *name, size_t name_length,
@@ -128,9 +130,6 @@ int metadata_v4_metadata_context_add_name_value_pair(metadata_v4_metadata_contex
                                                      const char *name, size_t name_length,
                                                      const char *value, size_t value_length,
                                                      int reserved);
-
-#ifdef __cplusplus
 }
-#endif
 
 #endif

@@ -1,4 +1,4 @@
-// Which file is it? What makes two descriptors, or two names, be on the same one.
+// What makes two descriptors, or two names, lead to the same file.
 #ifndef PLATFORM_PROCESSES_FILE_IDENTITY_H
 #define PLATFORM_PROCESSES_FILE_IDENTITY_H
 
@@ -19,9 +19,14 @@ inline bool operator==(const file_identity &a, const file_identity &b) {
 // must not hold anybody up. False with errno.
 [[nodiscard]] bool identify(int at, const char *name, file_identity &identity);
 
-// Does an error say that the name leads to no file? Any other leaves open what is there.
-inline bool says_nothing_is_there(int error) {
-    return error == ENOENT || error == ENOTDIR || error == ELOOP;
+// The identity of a descriptor's file as the kernel itself has it, in tables of mappings and of
+// sockets. Where a file system gives its files device numbers of their own (subvolumes, overlays),
+// the device is that of the mount. False with errno.
+[[nodiscard]] bool identify_for_kernel(int fd, file_identity &identity);
+
+// Does an error say that a path leads to no file? Any other error leaves that open.
+inline bool means_absent(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
 }
 
 #endif

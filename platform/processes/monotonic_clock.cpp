@@ -1,3 +1,4 @@
+// A file of its own, so that tests can replace the clock at link time.
 #include "platform/include/process_util.h"
 
 #include <ctime>

@@ -49,53 +49,34 @@ bool take_device(std::string_view &line, int base, dev_t &device) {
 }
 
 // "ADDRESSES PERMISSIONS OFFSET MAJOR:MINOR INODE PATH", the device in hexadecimal digits.
-bool is_mapping_of(std::string_view line, const file_identity &file) {
+bool is_mapping_of(std::string_view line, const file_identity &file,
+                   std::string_view overlay_name) {
     file_identity mapped{};
-    return take_fields(line, 3) && take_device(line, 16, mapped.device) && take(line, ' ') &&
-           take_number(line, 10, mapped.inode) && mapped == file;
+    if (!take_fields(line, 3) || !take_device(line, 16, mapped.device) || !take(line, ' ') ||
+        !take_number(line, 10, mapped.inode) || mapped.inode == 0)
+        return false;
+    if (overlay_name.empty())
+        return mapped == file;
+    return mapped.inode == file.inode || line.substr(line.rfind('/') + 1) == overlay_name;
 }
 
 } // namespace
 
-bool maps_file(std::string_view lines, const file_identity &file) {
+bool maps_file(std::string_view lines, const file_identity &file, std::string_view overlay_name) {
     while (!lines.empty())
-        if (is_mapping_of(take_line(lines), file))
+        if (is_mapping_of(take_line(lines), file, overlay_name))
             return true;
     return false;
 }
 
-descriptor_info parse_descriptor_info(std::string_view text) {
-    descriptor_info info;
-    const struct {
-        std::string_view key;
-        int base;
-        std::optional<uint64_t> &value;
-    } fields[] = {
-        {"flags:\t", 8, info.flags}, {"mnt_id:\t", 10, info.mount_id}, {"ino:\t", 10, info.inode}};
-    while (!text.empty()) {
-        std::string_view line = take_line(text);
-        for (const auto &field : fields) {
-            uint64_t number = 0;
-            if (line.substr(0, field.key.size()) != field.key)
-                continue;
-            line.remove_prefix(field.key.size());
-            if (take_number(line, field.base, number))
-                field.value = number;
-            break;
-        }
-    }
-    return info;
-}
-
 // "ID PARENT MAJOR:MINOR ...", all in decimal digits.
-std::optional<dev_t> device_of_mount(std::string_view lines, uint64_t mount_id) {
+bool find_device_of_mount(std::string_view lines, uint64_t mount_id, dev_t &device) {
     while (!lines.empty()) {
         std::string_view line = take_line(lines);
         uint64_t id = 0;
-        dev_t device = 0;
         if (take_number(line, 10, id) && id == mount_id && take_fields(line, 2) &&
             take_device(line, 10, device))
-            return device;
+            return true;
     }
-    return std::nullopt;
+    return false;
 }

@@ -1,8 +1,7 @@
-// A walk over the process file system: which process holds a file?
+// A walk over the process file system: which process uses a file?
 //
 // Errors: a process, thread or descriptor that vanishes meanwhile is passed over.
-// Prints: "Warning: a file in use may not be noticed, cannot look into process %s, %s", the first
-//         time only.
+// Prints: "Warning: a file in use may not be noticed, cannot look into process %s, %s", once.
 #ifndef PLATFORM_PROCESSES_PROCESS_WALK_H
 #define PLATFORM_PROCESSES_PROCESS_WALK_H
 
@@ -10,15 +9,18 @@
 
 #include <sys/types.h>
 
-// Both functions below give the id of a process other than the service; 0 when there is none, -1
-// with errno when the process file system cannot be listed. They hold four descriptors.
+// The first two functions give the id of a process other than the service; 0 when there is none, -1
+// with errno when the process file system cannot be listed. Descriptors opened with O_PATH do not
+// count in any of the three.
 
-// A process that uses the file of an O_PATH descriptor: it, or a thread that has descriptors of its
-// own, has it open, has it mapped, though its descriptor may be closed, or runs it. A descriptor
-// that was opened with O_PATH is no use. Reports a process that may not be looked into.
+// A process that uses the file of an O_PATH descriptor: it, or one of its threads that has
+// descriptors of its own, has it open, mapped (even after close) or is executing it.
 pid_t find_process_using_file(int path_fd);
 
-// A process that has the file open, for what can be neither mapped nor run.
+// A process that has open a file that can be neither mapped nor executed.
 pid_t find_process_with_open_file(const file_identity &file);
+
+// Has the service itself the file of an O_PATH descriptor open, by an inherited descriptor say?
+bool service_has_open(int path_fd);
 
 #endif

@@ -3,7 +3,9 @@
 #include "base/handles.h"
 
 #include <csignal>
+#include <ctime>
 #include <fcntl.h>
+#include <initializer_list>
 #include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
@@ -14,7 +16,7 @@ constexpr unsigned int afs_magic = 0x6b414653; // the kernel's own AFS; AFS_SUPE
 
 enum class lease_scope {
     every_holder, // leases and openings meet in one place, this kernel
-    openers,      // an opening is seen, but not every mapping and no opening by another way
+    openers,      // a refusal is right, but a grant does not exclude a use
     elsewhere     // a server decides: a refusal may only mean that it delegates nothing
 };
 
@@ -25,6 +27,7 @@ lease_scope scope_of_leases(int fd) {
     // The field is signed and of another width than the numbers.
     switch (static_cast<unsigned int>(file_system.f_type)) {
     case OVERLAYFS_SUPER_MAGIC:
+    case FUSE_SUPER_MAGIC:
         return lease_scope::openers;
     case NFS_SUPER_MAGIC:
     case SMB_SUPER_MAGIC:
@@ -35,7 +38,6 @@ lease_scope scope_of_leases(int fd) {
     case afs_magic:
     case CODA_SUPER_MAGIC:
     case V9FS_MAGIC:
-    case FUSE_SUPER_MAGIC:
     case OCFS2_SUPER_MAGIC:
         return lease_scope::elsewhere;
     default:
@@ -56,6 +58,20 @@ unique_fd open_for_reading(int path_fd) {
     return unique_fd(open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
+// A scanner that is asked before each opening (fanotify) still holds the descriptor that it was
+// given for ours, so a refusal is asked for again, on the same descriptor.
+bool take_lease(int fd) {
+    bool granted = fcntl(fd, F_SETLEASE, F_WRLCK) == 0;
+    for (const long wait_ms : {1, 5}) {
+        if (granted || errno != EAGAIN)
+            break;
+        const timespec wait{0, wait_ms * 1000000};
+        nanosleep(&wait, nullptr);
+        granted = fcntl(fd, F_SETLEASE, F_WRLCK) == 0;
+    }
+    return granted;
+}
+
 } // namespace
 
 lease_answer ask_for_write_lease(int path_fd) {
@@ -71,7 +87,7 @@ lease_answer ask_for_write_lease(int path_fd) {
     // ends the process. SIGURG is ignored by default.
     if (fcntl(fd.get(), F_SETSIG, SIGURG) != 0)
         return lease_answer::no_answer;
-    if (fcntl(fd.get(), F_SETLEASE, F_WRLCK) != 0)
+    if (!take_lease(fd.get()))
         return errno == EAGAIN ? lease_answer::used : lease_answer::no_answer;
     fcntl(fd.get(), F_SETLEASE, F_UNLCK); // at once: an opener may be waiting
     return scope == lease_scope::every_holder ? lease_answer::unused : lease_answer::no_answer;

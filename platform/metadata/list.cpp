@@ -1,11 +1,10 @@
 #include "platform/include/metadata_v4.h"
 
-#include "platform/metadata/metadata_file.h"
-#include "platform/metadata/metadata_text.h"
+#include "platform/metadata/file.h"
+#include "platform/metadata/text.h"
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -13,7 +12,7 @@ namespace {
 
 struct stored_list {
     metadata_text text;
-    metadata_file_owner owner{};
+    file_owner owner{};
 };
 
 stored_list &stored(metadata_v4_metadata_context *list) {
@@ -48,10 +47,6 @@ template<typename Action> int change(metadata_v4_metadata_context *list, Action 
     return result;
 }
 
-std::string argument_text(const char *text, size_t length) {
-    return length == 0 ? std::string(text) : std::string(text, strnlen(text, length));
-}
-
 } // namespace
 
 metadata_v4_metadata_context *metadata_v4_metadata_context_create(void) {
@@ -75,15 +70,13 @@ void metadata_v4_metadata_context_destroy(metadata_v4_metadata_context *list) {
 
 int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_context *list,
                                                          metadata_v4_context *context,
-                                                         int for_writing, void *reserved) {
+                                                         int for_writing, void * /*reserved*/) {
     clear(list);
-    if (reserved != nullptr)
-        return fail(EINVAL);
     if (context->metadir_fd < 0)
         return fail(EBADF);
     return guarded([&] {
         std::string raw;
-        metadata_file_owner owner{};
+        file_owner owner{};
         if (!read_metadata_file(context->metadir_fd, raw, owner) &&
             (for_writing == 0 || errno != ENOENT))
             return -1;
@@ -96,10 +89,8 @@ int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_co
 }
 
 int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_context *list,
-                                                        metadata_v4_context *context, int flags,
-                                                        void *reserved) {
-    if (flags != 0 || reserved != nullptr)
-        return fail(EINVAL);
+                                                        metadata_v4_context *context, int /*flags*/,
+                                                        void * /*reserved*/) {
     if (list->descriptor < 0 || list->descriptor != context->metadir_fd)
         return fail(EBADF);
     return guarded([&] {
@@ -115,28 +106,23 @@ metadata_v4_metadata_context_read_entry(metadata_v4_metadata_context *list, uint
 
 int metadata_v4_metadata_context_set_name_value_pair(metadata_v4_metadata_context *list,
                                                      metadata_v4_metadata_entry *entry,
-                                                     const char *name, size_t name_length,
-                                                     const char *value, size_t value_length,
-                                                     int reserved) {
-    if (entry == nullptr || name == nullptr || *name == '\0' || value == nullptr || reserved != -1)
-        return fail(EINVAL);
+                                                     const char *name, size_t /*name_length*/,
+                                                     const char *value, size_t /*value_length*/,
+                                                     int /*reserved*/) {
     return change(list, [&] {
         // An entry is the first member of its line.
-        change_metadata_line(stored(list).text, *reinterpret_cast<metadata_line *>(entry),
-                             argument_text(name, name_length), argument_text(value, value_length));
+        change_metadata_line(stored(list).text, *reinterpret_cast<metadata_line *>(entry), name,
+                             value);
         return 0;
     });
 }
 
 int metadata_v4_metadata_context_add_name_value_pair(metadata_v4_metadata_context *list,
-                                                     const char *name, size_t name_length,
-                                                     const char *value, size_t value_length,
-                                                     int reserved) {
-    if (name == nullptr || *name == '\0' || value == nullptr || reserved != -1)
-        return fail(EINVAL);
+                                                     const char *name, size_t /*name_length*/,
+                                                     const char *value, size_t /*value_length*/,
+                                                     int /*reserved*/) {
     return change(list, [&] {
-        add_metadata_line(stored(list).text, argument_text(name, name_length),
-                          argument_text(value, value_length));
+        add_metadata_line(stored(list).text, name, value);
         list->entry_count = stored(list).text.lines.size();
         return 0;
     });

@@ -2,8 +2,8 @@
 //
 // Owns:   a metadata_text owns all its texts; entries point into it.
 // Errors: only std::bad_alloc, thrown.
-#ifndef PLATFORM_METADATA_METADATA_TEXT_H
-#define PLATFORM_METADATA_METADATA_TEXT_H
+#ifndef PLATFORM_METADATA_TEXT_H
+#define PLATFORM_METADATA_TEXT_H
 
 #include "platform/include/metadata_v4.h"
 

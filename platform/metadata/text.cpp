@@ -1,4 +1,4 @@
-#include "platform/metadata/metadata_text.h"
+#include "platform/metadata/text.h"
 
 #include <cstring>
 #include <string_view>

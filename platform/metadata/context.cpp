@@ -1,6 +1,7 @@
 #include "platform/include/metadata_v4.h"
 
 #include "base/handles.h"
+#include "platform/metadata/file.h"
 
 #include <climits>
 #include <cstdlib>
@@ -23,25 +24,18 @@ void forget_location(metadata_v4_context *context) {
     context->dir_device = context->dir_inode = 0;
 }
 
-// Keeps in mind which directory the location led to at first.
-void remember_directory(metadata_v4_context *context) {
+// Is the opened directory the one that the file of this location was first opened in? Links on the
+// way are followed: a target may be configured through one. But whoever can change a folder on the
+// way can also have it lead elsewhere between two openings, past what was validated at the first.
+bool check_directory(metadata_v4_context *context) {
     struct stat status {};
-    if (context->dir_inode == 0 && fstat(context->dir_fd, &status) == 0) {
+    if (fstat(context->dir_fd, &status) != 0)
+        return false;
+    if (context->dir_inode == 0) {
         context->dir_device = status.st_dev;
         context->dir_inode = status.st_ino;
     }
-}
-
-// Links are followed: a target may be configured through one. But whoever can change a folder on
-// the way can also have it lead elsewhere between two openings, past what was validated at the
-// first.
-bool open_location(metadata_v4_context *context) {
-    context->dir_fd = open(context->dir_path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    struct stat status {};
-    if (context->dir_fd < 0 || context->dir_inode == 0)
-        return context->dir_fd >= 0;
-    if (fstat(context->dir_fd, &status) == 0 && context->dir_inode == status.st_ino &&
-        context->dir_device == status.st_dev)
+    if (context->dir_device == status.st_dev && context->dir_inode == status.st_ino)
         return true;
     close_one(context->dir_fd);
     errno = ESTALE;
@@ -50,6 +44,18 @@ bool open_location(metadata_v4_context *context) {
 
 int open_directory_at(int at, const char *name) {
     return openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+// Makes and opens the metadata directory, readable to whom the file is, with its owner and group.
+int make_metadir(metadata_v4_context *context) {
+    struct stat file {};
+    if (fstat(context->file_fd, &file) != 0 ||
+        mkdirat(context->dir_fd, context->metadir_name, 0700) != 0)
+        return -1;
+    context->metadir_fd = open_directory_at(context->dir_fd, context->metadir_name);
+    const mode_t readers = file.st_mode & (S_IRGRP | S_IROTH);
+    const file_owner owner{S_IRWXU | readers | (readers >> 2), file.st_uid, file.st_gid};
+    return context->metadir_fd >= 0 && set_owner(context->metadir_fd, owner) ? 0 : -1;
 }
 
 } // namespace
@@ -100,8 +106,9 @@ int metadata_v4_context_open_the_file(metadata_v4_context *context) {
         return -1;
     }
     close_one(context->file_fd);
-    remember_directory(context);
-    // O_PATH: no device is opened, no FIFO waited for, and nobody sees a file in use because of it.
+    if (!check_directory(context))
+        return -1;
+    // O_PATH: no device is opened, no FIFO waited for, and it does not count as an open.
     context->file_fd = openat(context->dir_fd, context->file_name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     return context->file_fd < 0 ? -1 : 0;
 }
@@ -112,13 +119,13 @@ int metadata_v4_context_open_file_handles(metadata_v4_context *context) {
         errno = EINVAL;
         return -1;
     }
-    if (!open_location(context) || metadata_v4_context_open_the_file(context) < 0)
+    context->dir_fd = open(context->dir_path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (context->dir_fd < 0 || metadata_v4_context_open_the_file(context) < 0)
         return -1;
     context->metadir_fd = open_directory_at(context->dir_fd, context->metadir_name);
     if (context->metadir_fd < 0 && errno == ENOENT &&
-        (context->flags & METADATA_V4_CREATE_METADIR) != 0 &&
-        mkdirat(context->dir_fd, context->metadir_name, 0755) == 0)
-        context->metadir_fd = open_directory_at(context->dir_fd, context->metadir_name);
+        (context->flags & METADATA_V4_CREATE_METADIR) != 0)
+        return make_metadir(context);
     return context->metadir_fd < 0 ? -1 : 0;
 }
 

@@ -3,7 +3,17 @@
 #include "base/handles.h"
 
 #include <climits>
+#include <csignal>
 #include <cstdlib>
+#include <initializer_list>
+
+void util_check_and_unmask_common_signals(void) {
+    sigset_t common;
+    sigemptyset(&common);
+    for (const int signal_number : {SIGHUP, SIGINT, SIGTERM, SIGQUIT})
+        sigaddset(&common, signal_number);
+    sigprocmask(SIG_UNBLOCK, &common, nullptr);
+}
 
 void fd_debug_dump_open_files(FILE *stream) {
     const unique_dir listing(opendir("/proc/self/fd"));
