@@ -2,9 +2,8 @@
 // FUZZ_TARGET names.
 #include "config/configuration_load.h"
 #include "config/watch_entry.h"
-#include "platform/metadata/metadata_text.h"
+#include "platform/metadata/text.h"
 #include "platform/processes/proc_tables.h"
-#include "platform/processes/socket_answer.h"
 #include "service/command_line.h"
 #include "tests/support.h"
 
@@ -62,18 +61,6 @@ std::string entries_of(const metadata_text &text) {
     const int status = parse_command_line(count, arguments.data(), directory).value_or(0);
     assert(status == 0 || status == 1);
     assert(input.empty() || (input + '\0').find(directory + '\0') != std::string::npos);
-}
-
-[[maybe_unused]] void socket_answer(const std::string &input) {
-    std::vector<long> aligned(input.size() / sizeof(long) + 1);
-    memcpy(aligned.data(), input.data(), input.size());
-    const auto *part = reinterpret_cast<const char *>(aligned.data());
-    for (const bool has_own_device : {false, true}) {
-        int64_t inode = 0;
-        const auto state = read_socket_answer(
-            part, input.size(), {"/run/item.socket", {26, 1234}, has_own_device}, inode);
-        assert(inode >= 0 && (state != answer_state::more || inode <= UINT32_MAX));
-    }
 }
 
 // A table is read piece by piece: a line is found whatever stands before it.
