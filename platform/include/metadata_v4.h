@@ -44,7 +44,7 @@ typedef struct metadata_v4_context {
 
 // One list of entries.
 typedef struct metadata_v4_metadata_context {
-    void *implementation;
+    void *reserved_first;
     uint64_t entry_count;
     void *reserved[4];
     // Of the metadata directory, borrowed from the context. Negative while not bound.

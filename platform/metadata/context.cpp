@@ -101,10 +101,6 @@ int metadata_v4_context_set_file_location(metadata_v4_context *context, const ch
 }
 
 int metadata_v4_context_open_the_file(metadata_v4_context *context) {
-    if (context->file_name == nullptr || context->dir_fd < 0) {
-        errno = EBADF;
-        return -1;
-    }
     close_one(context->file_fd);
     if (!check_directory(context))
         return -1;

@@ -7,32 +7,20 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
-namespace {
-
-bool get_status(int at, const char *name, struct statx &status) {
-    return statx(at, name, AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT | AT_EMPTY_PATH,
-                 STATX_INO | STATX_MNT_ID, &status) == 0;
-}
-
-file_identity identity_of(const struct statx &status) {
-    return {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
-}
-
-} // namespace
-
 bool identify(int at, const char *name, file_identity &identity) {
     struct statx status {};
-    if (!get_status(at, name, status))
+    if (statx(at, name, AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT | AT_EMPTY_PATH, STATX_INO, &status) !=
+        0)
         return false;
-    identity = identity_of(status);
+    identity = {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
     return true;
 }
 
 bool identify_for_kernel(int fd, file_identity &identity) {
     struct statx status {};
-    if (!get_status(fd, "", status))
+    if (!identify(fd, "", identity) ||
+        statx(fd, "", AT_STATX_DONT_SYNC | AT_EMPTY_PATH, STATX_MNT_ID, &status) != 0)
         return false;
-    identity = identity_of(status);
     // A mount that cannot be reached from the root of a chroot is not listed.
     const unique_fd mounts(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
     any_lines(mounts.get(), [&](std::string_view lines) {

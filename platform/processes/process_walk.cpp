@@ -4,6 +4,7 @@
 #include "base/handles.h"
 #include "platform/processes/proc_tables.h"
 
+#include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -27,10 +28,6 @@ struct search {
     int proc = AT_FDCWD;           // the opened process file system
     bool numbers_are_pids = false; // it may show the process ids of another namespace
 };
-
-bool is_number(const char *name) {
-    return *name >= '0' && *name <= '9';
-}
 
 pid_t to_pid(const char *number) {
     return static_cast<pid_t>(strtol(number, nullptr, 10));
@@ -62,7 +59,7 @@ template<typename Visit> bool any_number(int directory, Visit visit) {
     while ((size = getdents64(directory, buffer, sizeof(buffer))) > 0) {
         for (ssize_t at = 0; at < size;) {
             const auto *item = reinterpret_cast<const dirent64 *>(buffer + at);
-            if (is_number(item->d_name) && visit(item->d_name))
+            if (isdigit(item->d_name[0]) != 0 && visit(item->d_name))
                 return true;
             at += item->d_reclen;
         }
@@ -83,10 +80,10 @@ void report_blindness(const char *process, int error) {
     reported = true;
 }
 
-// Descriptors opened with O_PATH do not count. Their links have neither mode bit.
-bool can_read_or_write(int descriptors, const char *number) {
+// Descriptors opened with O_PATH do not. Their links have neither mode bit.
+bool counts_as_open(int descriptors, const char *number) {
     struct stat link {};
-    return fstatat(descriptors, number, &link, AT_SYMLINK_NOFOLLOW) == 0 &&
+    return fstatat(descriptors, number, &link, AT_SYMLINK_NOFOLLOW) != 0 ||
            (link.st_mode & (S_IRUSR | S_IWUSR)) != 0;
 }
 
@@ -102,18 +99,16 @@ bool has_open(const search &wanted, const std::string &task) {
         // Any other error comes from another file, on a dead disk or server: ours has answered.
         if (!identify(descriptors.get(), number, open_file))
             return is_shortage(errno);
-        return open_file == wanted.file && can_read_or_write(descriptors.get(), number);
+        return open_file == wanted.file && counts_as_open(descriptors.get(), number);
     });
 }
 
 enum class memory {
-    none, // a kernel thread, or it has ended
+    none, // a kernel thread, one that has ended, or one that may not be looked into
     without_file,
-    with_file,
-    refused
+    with_file
 };
 
-// errno with `refused`.
 memory look_at_memory(const search &wanted, const std::string &task) {
     file_identity program{};
     if (identify(wanted.proc, (task + "/exe").c_str(), program)) {
@@ -125,10 +120,11 @@ memory look_at_memory(const search &wanted, const std::string &task) {
     // Of the two only this is refused for the sake of the memory alone: a kernel thread and a
     // process that has ended may be asked by anybody.
     const unique_fd mappings(openat(wanted.proc, (task + "/maps").c_str(), O_RDONLY | O_CLOEXEC));
-    if (!mappings)
-        return is_unknown(errno)   ? memory::with_file
-               : is_refusal(errno) ? memory::refused
-                                   : memory::none;
+    if (!mappings) {
+        if (is_refusal(errno))
+            report_blindness(task.c_str(), errno);
+        return is_unknown(errno) ? memory::with_file : memory::none;
+    }
     const bool found = any_lines(mappings.get(), [&wanted](std::string_view lines) {
         return maps_file(lines, wanted.identity_in_maps, wanted.overlay_name);
     });
@@ -157,10 +153,6 @@ bool another_thread_uses(const search &wanted, const char *process, bool memory_
 
 bool uses_file(const search &wanted, const char *process) {
     const memory state = look_at_memory(wanted, process);
-    if (state == memory::refused) {
-        report_blindness(process, errno);
-        return false; // its descriptors are refused as well
-    }
     // A task without an address space has no open files.
     return state == memory::with_file || (state != memory::none && has_open(wanted, process)) ||
            another_thread_uses(wanted, process, state != memory::none);
@@ -173,14 +165,6 @@ std::string own_number(int proc) {
     return std::string(number, length > 0 ? static_cast<size_t>(length) : 0);
 }
 
-// A process file system can be mounted so that it does not even list what may not be looked into.
-// Process 1 is always there.
-void check_listing(int proc) {
-    file_identity first{};
-    if (!identify(proc, "1", first))
-        report_blindness("1", errno);
-}
-
 pid_t find_process(search wanted) {
     const unique_fd proc = open_directory(AT_FDCWD, "/proc");
     if (!proc)
@@ -188,7 +172,10 @@ pid_t find_process(search wanted) {
     const std::string self = own_number(proc.get());
     wanted.proc = proc.get();
     wanted.numbers_are_pids = self == std::to_string(getpid());
-    check_listing(proc.get());
+    // A process file system can be mounted so that it does not even list what may not be looked
+    // into. Process 1 is always there.
+    if (file_identity first{}; !identify(proc.get(), "1", first))
+        report_blindness("1", errno);
     pid_t found = -1; // stays where the listing broke off
     const bool may_be_used = any_number(proc.get(), [&](const char *process) {
         if (process != self && uses_file(wanted, process))

@@ -67,13 +67,13 @@ std::string entries_of(const metadata_text &text) {
 [[maybe_unused]] void process_tables(const std::string &input) {
     const file_identity file{makedev(0xfe, 0x1a), 4711};
     const file_identity no_file{makedev(0xfff, 0xfffff), 1};
-    assert(maps_file(input + "\n7f-80 r--p 00 fe:1a 4711    /a", file));
-    assert(device_of_mount(input + "\n7777777 1 0:5 /", 7777777));
-    assert(parse_descriptor_info(input + "\nino:\t9").inode == 9U);
+    assert(maps_file(input + "\n7f-80 r--p 00 fe:1a 4711    /a", file, ""));
+    dev_t device = 0;
+    assert(find_device_of_mount(input + "\n7777777 1 0:5 /", 7777777, device));
     const size_t half = input.rfind('\n', input.size() / 2) + 1; // 0 without one
     const std::string_view lines = input;
-    assert(maps_file(lines, no_file) ==
-           (maps_file(lines.substr(0, half), no_file) || maps_file(lines.substr(half), no_file)));
+    assert(maps_file(lines, no_file, "") == (maps_file(lines.substr(0, half), no_file, "") ||
+                                             maps_file(lines.substr(half), no_file, "")));
 }
 
 } // namespace
