@@ -1,13 +1,11 @@
 #include "platform/include/metadata_v4.h"
 #include "platform/include/procfs.h"
-#include "platform/processes/proc_tables.h"
 #include "tests/support.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/un.h>
 
 namespace {
@@ -166,16 +164,6 @@ TEST(MetadataContext, OpensAgainOnlyTheDirectoryThatItOpenedFirst) {
     EXPECT_LT(item.open(), 0) << "another one by its name";
     EXPECT_EQ(open_descriptors(), before);
     fs::remove_all(elsewhere);
-}
-
-TEST(ProcTables, AreReadAsTheKernelWritesThem) {
-    const file_identity file{makedev(0xfe, 0x1a), 4711};
-    EXPECT_TRUE(maps_file("x\n7f-80 r--p 00 fe:1a 4711    /a b\\012c\n", file, ""));
-    for (const char *line : {"7f-80 r--p 00 fe:1a 47110", "7f-80 r--p 00 fe:1b 4711", "7f-80 r--p"})
-        EXPECT_FALSE(maps_file(line, file, "")) << line;
-    dev_t device = 0;
-    EXPECT_TRUE(find_device_of_mount("240 1 0:5 /\n24 1 254:26 / /a\n", 24, device));
-    EXPECT_EQ(device, makedev(254, 26));
 }
 
 TEST(SocketServer, IsFoundByTheBoundFile) {

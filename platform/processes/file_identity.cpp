@@ -1,6 +1,5 @@
 #include "platform/processes/file_identity.h"
 
-#include "base/handles.h"
 #include "platform/processes/proc_tables.h"
 
 #include <fcntl.h>
@@ -22,9 +21,7 @@ bool identify_for_kernel(int fd, file_identity &identity) {
         statx(fd, "", AT_STATX_DONT_SYNC | AT_EMPTY_PATH, STATX_MNT_ID, &status) != 0)
         return false;
     // A mount that cannot be reached from the root of a chroot is not listed.
-    const unique_fd mounts(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
-    any_lines(mounts.get(), [&](std::string_view lines) {
-        return find_device_of_mount(lines, status.stx_mnt_id, identity.device);
-    });
+    if (const unique_file mounts = open_table(AT_FDCWD, "/proc/self/mountinfo"))
+        find_device_of_mount(mounts.get(), status.stx_mnt_id, identity.device);
     return true;
 }

@@ -119,16 +119,15 @@ memory look_at_memory(const search &wanted, const std::string &task) {
     }
     // Of the two only this is refused for the sake of the memory alone: a kernel thread and a
     // process that has ended may be asked by anybody.
-    const unique_fd mappings(openat(wanted.proc, (task + "/maps").c_str(), O_RDONLY | O_CLOEXEC));
-    if (!mappings) {
+    const unique_file mappings = open_table(wanted.proc, task + "/maps");
+    if (mappings == nullptr) {
         if (is_refusal(errno))
             report_blindness(task.c_str(), errno);
         return is_unknown(errno) ? memory::with_file : memory::none;
     }
-    const bool found = any_lines(mappings.get(), [&wanted](std::string_view lines) {
-        return maps_file(lines, wanted.identity_in_maps, wanted.overlay_name);
-    });
-    return found || (errno != 0 && !has_ended(errno)) ? memory::with_file : memory::without_file;
+    return maps_file(mappings.get(), wanted.identity_in_maps, wanted.overlay_name)
+               ? memory::with_file
+               : memory::without_file;
 }
 
 bool shares_descriptors(const search &wanted, const char *process, const char *thread) {

@@ -3,14 +3,12 @@
 #include "config/configuration_load.h"
 #include "config/watch_entry.h"
 #include "platform/metadata/text.h"
-#include "platform/processes/proc_tables.h"
 #include "service/command_line.h"
 #include "tests/support.h"
 
 #include <cassert>
 #include <cstring>
 #include <iostream>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -61,19 +59,6 @@ std::string entries_of(const metadata_text &text) {
     const int status = parse_command_line(count, arguments.data(), directory).value_or(0);
     assert(status == 0 || status == 1);
     assert(input.empty() || (input + '\0').find(directory + '\0') != std::string::npos);
-}
-
-// A table is read piece by piece: a line is found whatever stands before it.
-[[maybe_unused]] void process_tables(const std::string &input) {
-    const file_identity file{makedev(0xfe, 0x1a), 4711};
-    const file_identity no_file{makedev(0xfff, 0xfffff), 1};
-    assert(maps_file(input + "\n7f-80 r--p 00 fe:1a 4711    /a", file, ""));
-    dev_t device = 0;
-    assert(find_device_of_mount(input + "\n7777777 1 0:5 /", 7777777, device));
-    const size_t half = input.rfind('\n', input.size() / 2) + 1; // 0 without one
-    const std::string_view lines = input;
-    assert(maps_file(lines, no_file, "") == (maps_file(lines.substr(0, half), no_file, "") ||
-                                             maps_file(lines.substr(half), no_file, "")));
 }
 
 } // namespace
