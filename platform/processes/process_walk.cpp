@@ -104,7 +104,8 @@ bool has_open(const search &wanted, const std::string &task) {
 }
 
 enum class memory {
-    none, // a kernel thread, one that has ended, or one that may not be looked into
+    none, // a kernel thread, or it has ended
+    refused,
     without_file,
     with_file
 };
@@ -121,9 +122,10 @@ memory look_at_memory(const search &wanted, const std::string &task) {
     // process that has ended may be asked by anybody.
     const unique_file mappings = open_table(wanted.proc, task + "/maps");
     if (mappings == nullptr) {
-        if (is_refusal(errno))
-            report_blindness(task.c_str(), errno);
-        return is_unknown(errno) ? memory::with_file : memory::none;
+        if (!is_refusal(errno))
+            return has_ended(errno) ? memory::none : memory::with_file;
+        report_blindness(task.c_str(), errno);
+        return memory::refused;
     }
     return maps_file(mappings.get(), wanted.identity_in_maps, wanted.overlay_name)
                ? memory::with_file
@@ -152,6 +154,8 @@ bool another_thread_uses(const search &wanted, const char *process, bool memory_
 
 bool uses_file(const search &wanted, const char *process) {
     const memory state = look_at_memory(wanted, process);
+    if (state == memory::refused)
+        return false; // its descriptors are refused as well
     // A task without an address space has no open files.
     return state == memory::with_file || (state != memory::none && has_open(wanted, process)) ||
            another_thread_uses(wanted, process, state != memory::none);
