@@ -16,14 +16,10 @@ struct directory_facts {
     std::string path;        // where it really is
     dev_t device = 0;        // of its file system
     ino_t inode = 0;
-    uint64_t mount = 0;   // which of the mounts; the same for all where the kernel does not tell
-    int rename_error = 0; // errno where names in it cannot be changed
-    size_t longest_name = 255; // bytes
+    uint64_t mount = 0;     // which of the mounts; the same for all where the kernel does not tell
+    unsigned long type = 0; // of the file system, as in linux/magic.h
+    int rename_error = 0;   // errno where names in it cannot be changed
 };
-
-inline bool is_same_directory(const directory_facts &a, const directory_facts &b) {
-    return a.open_error == 0 && b.open_error == 0 && a.device == b.device && a.inode == b.inode;
-}
 
 struct entry_facts {
     directory_facts watch;
@@ -33,6 +29,18 @@ struct entry_facts {
     directory_facts archive;
     mode_t target_mode = 0; // 0 when nothing stands at the target
 };
+
+struct known_entry {
+    const WatchEntry *entry; // of the registry
+    entry_facts facts;
+};
+
+inline bool is_same_directory(const directory_facts &a, const directory_facts &b) {
+    return a.open_error == 0 && b.open_error == 0 && a.device == b.device && a.inode == b.inode;
+}
+
+// Is the process neither root nor one that may read and write anywhere, as the service may?
+bool is_ordinary_user();
 
 // A directory by its path, which is followed through symbolic links.
 directory_facts collect_directory_facts(const std::string &path);

@@ -1,166 +1,179 @@
 #include "check/entry_rules.h"
 
+#include "check/finding.h"
 #include "delivery/archive_name.h"
 #include "delivery/cppmetadir.h"
 #include "service/main_storage.h"
 
-#include <cerrno>
+#include <climits>
 #include <cstring>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr char main_storage[] = "/mnt/main/";
-constexpr char archive_name[] = "ARCHIVE";
 
 // The monotonic clock of a machine that has been up for thirty years.
 constexpr uint64_t long_uptime_us = 999999999999999;
 
 // One directory of an entry, and what the lines call it.
 struct role {
+    const char *entry;
+    std::string path; // as configured
     std::string name;
     const directory_facts &facts;
 };
 
-bool is_absolute(const std::string &path) {
-    return !path.empty() && path[0] == '/';
+role role_of(const known_entry &known, const char *name, const std::string &path,
+             const directory_facts &facts) {
+    return {known.entry->name.c_str(), path, name + (" '" + path + "'"), facts};
 }
 
-// A path that may come with the main storage, which is not there at present.
-bool is_awaited(const std::string &path) {
-    return main_path.empty() && path.compare(0, strlen(main_storage), main_storage) == 0;
+constexpr struct {
+    unsigned long type;
+    const char *effect;
+} remote_systems[] = {
+    {FUSE_SUPER_MAGIC, "FUSE: files opened behind the mount are not seen, renames may give EXDEV"},
+    {NFS_SUPER_MAGIC, "NFS: files opened elsewhere are not seen, the server may refuse the user"},
+    {CIFS_SUPER_MAGIC, "SMB: files opened elsewhere are not seen, a marker is a regular file"},
+    {SMB2_SUPER_MAGIC, "SMB: files opened elsewhere are not seen, a marker is a regular file"},
+};
+
+void report_refused(const role &directory, const char *what, int code) {
+    static bool was_said = false;
+    if (!is_ordinary_user() || (code != EACCES && code != EPERM))
+        report(error, directory.entry, "cannot %s %s, %s", what, directory.name.c_str(),
+               strerror(code));
+    else if (!std::exchange(was_said, true))
+        report(error, nullptr,
+               "User %u may not %s '%s' or others: run this as root or as the service's user",
+               geteuid(), what, directory.path.c_str());
 }
 
-void find_unwritable(const std::string &about, const role &directory, findings &list) {
-    if (directory.facts.rename_error != 0)
-        add_error(list, about + "cannot rename in " + directory.name + ", " +
-                            strerror(directory.facts.rename_error));
+void find_unwritable(const role &directory) {
+    const int code = directory.facts.rename_error;
+    if (code == EOVERFLOW)
+        report(warning, directory.entry,
+               "user %u is not mapped by the id-mapped mount of %s: if the service is that user, "
+               "nothing is delivered, %s",
+               geteuid(), directory.name.c_str(), strerror(code));
+    else if (code != 0)
+        report_refused(directory, "rename in", code);
 }
 
 // Will the service open the directory and take it? Reports why not.
-bool find_unusable(const std::string &about, const role &directory, const std::string &path,
-                   findings &list) {
-    if (!is_absolute(path))
-        add_warning(list, about + directory.name + " depends on the working directory");
-    if (const int error = directory.facts.open_error; error != 0) {
-        if (!is_awaited(path))
-            add_error(list, about + "cannot open " + directory.name + ", " + strerror(error));
+bool find_unusable(const role &directory) {
+    const directory_facts &facts = directory.facts;
+    const char *name = directory.name.c_str();
+    if (facts.open_error != 0) {
+        // A path may come with the main storage, which is not there at present.
+        if (!main_path.empty() ||
+            directory.path.compare(0, strlen(main_storage), main_storage) != 0)
+            report_refused(directory, "open", facts.open_error);
         return false;
     }
-    if (!main_path.empty() && !is_under_main_path(directory.facts.path)) {
-        add_error(list, about + directory.name + " is " + in_quotes(directory.facts.path) +
-                            ", not below the main storage " + in_quotes(main_path));
+    if (!main_path.empty() && !is_under_main_path(facts.path)) {
+        report(error, directory.entry, "%s is '%s', not below the main storage '%s'", name,
+               facts.path.c_str(), main_path.c_str());
         return false;
     }
-    find_unwritable(about, directory, list);
+    find_unwritable(directory);
+    for (const auto &[type, effect] : remote_systems)
+        if (facts.type == type)
+            report(warning, directory.entry, "%s is on %s", name, effect);
     return true;
 }
 
-void find_apart(const std::string &about, const role &from, const role &to, const char *effect,
-                findings &list) {
-    const bool two_systems = from.facts.device != to.facts.device;
-    if (two_systems || from.facts.mount != to.facts.mount)
-        add_error(list, about + from.name + " and " + to.name + " are on two " +
-                            (two_systems ? "file systems" : "mounts") + ", " + effect + ", " +
-                            strerror(EXDEV));
+void find_apart(const role &from, const role &to, const char *effect) {
+    if (from.facts.device != to.facts.device || from.facts.mount != to.facts.mount)
+        report(error, from.entry, "%s and %s are on two file systems or mounts, %s, %s",
+               from.name.c_str(), to.name.c_str(), effect, strerror(EXDEV));
 }
 
-void find_own_folder(const std::string &about, const WatchEntry &entry, const entry_facts &facts,
-                     findings &list) {
-    if (is_same_directory(facts.watch, facts.target) && entry.matches(facts.target_name))
-        add_error(list, about + "the watch folder is that of the target " +
-                            in_quotes(facts.target_name) +
-                            ", which a pattern matches: each check would archive it");
-    if (is_same_directory(facts.watch, facts.archive))
-        add_error(list, about + "the watch folder is the target's ARCHIVE directory, what is "
-                                "archived there would be delivered again");
-}
-
-void find_bad_name(const std::string &about, const entry_facts &facts, findings &list) {
-    const std::string &name = facts.target_name;
-    const size_t longest = facts.target.longest_name;
+void find_bad_name(const char *entry, const std::string &name) {
     const std::string archived = name + archive_suffix({}, long_uptime_us);
-    if (name == archive_name)
-        add_error(list, about + "the target file has the name of the ARCHIVE directory");
-    else if (name.size() > longest)
-        add_error(list, about + "the target's name is too long, " + strerror(ENAMETOOLONG));
-    else if (archived.size() > longest)
-        add_warning(list, about + "the target's name leaves no room for an archive suffix of " +
-                              std::to_string(archived.size() - name.size()) + " bytes, " +
-                              strerror(ENAMETOOLONG));
+    if (name == "ARCHIVE" || is_metadata_dir_name(name))
+        report(error, entry, "the target '%s' has the name of %s, which a delivery would move away",
+               name.c_str(), name == "ARCHIVE" ? "the ARCHIVE directory" : "a metadata directory");
+    else if (name.size() > NAME_MAX)
+        report(error, entry, "the target's name is too long, nothing is delivered, %s",
+               strerror(ENAMETOOLONG));
+    else if (file_to_metadir(name).empty())
+        report(error, entry,
+               "the target's name has %zu bytes, 247 or more are delivered once and never "
+               "replaced, %s",
+               name.size(), strerror(ENAMETOOLONG));
+    else if (archived.size() > NAME_MAX)
+        report(warning, entry,
+               "the target's name has %zu bytes, an item without a recorded name could not be "
+               "archived and replaced, %s",
+               name.size(), strerror(ENAMETOOLONG));
     else if (file_to_metadir(archived).empty())
-        add_warning(list, about + "the target's name with an archive suffix leaves no room for a "
-                                  "metadata directory");
-}
-
-void find_odd_target(const std::string &about, const entry_facts &facts, findings &list) {
-    const mode_t mode = facts.target_mode;
-    if (mode != 0 && !S_ISREG(mode) && facts.target_name != archive_name)
-        add_warning(list, about + "the target is " +
-                              (S_ISDIR(mode)   ? "a directory"
-                               : S_ISLNK(mode) ? "a symbolic link"
-                                               : "no regular file") +
-                              ", the first delivery would archive it");
+        report(warning, entry,
+               "the target's name has %zu bytes, an item archived under it would leave its "
+               "metadata behind",
+               name.size());
 }
 
 // What one entry puts down, another may take up as if somebody had dropped it there.
-void find_chain(const known_entry &taker, const known_entry &giver, findings &list) {
-    const std::string about = about_entry(taker.entry->name);
+void find_chain(const known_entry &taker, const known_entry &giver) {
+    const severity level = &taker == &giver ? error : warning;
+    const char *name = taker.entry->name.c_str();
+    const char *from = giver.entry->name.c_str();
     if (is_same_directory(taker.facts.watch, giver.facts.target) &&
         taker.entry->matches(giver.facts.target_name))
-        add_warning(list, about + "takes the target of entry " + in_quotes(giver.entry->name) +
-                              " for a new file, its pattern matches");
+        report(level, name, "takes the target '%s' of entry '%s' for a new file, a pattern matches",
+               giver.facts.target_name.c_str(), from);
     if (is_same_directory(taker.facts.watch, giver.facts.archive))
-        add_warning(list, about + "takes what entry " + in_quotes(giver.entry->name) +
-                              " archives for new files");
+        report(level, name, "takes what entry '%s' archives for new files", from);
 }
 
 } // namespace
 
-findings entry_findings(const WatchEntry &entry, const entry_facts &facts) {
-    findings list;
-    const std::string about = about_entry(entry.name);
-    const role watch{"watch path " + in_quotes(entry.watch_path), facts.watch};
-    const role target{"target directory " + in_quotes(facts.target_directory), facts.target};
-    const role archive{"ARCHIVE directory " + in_quotes(facts.target_directory + "/ARCHIVE"),
-                       facts.archive};
-    const bool watch_usable = find_unusable(about, watch, entry.watch_path, list);
+void judge_entry(const known_entry &known) {
+    const auto &[entry, facts] = known;
+    const char *name = entry->name.c_str();
+    const role watch = role_of(known, "watch path", entry->watch_path, facts.watch);
+    const role target = role_of(known, "target directory", facts.target_directory, facts.target);
+    const role archive =
+        role_of(known, "ARCHIVE directory", facts.target_directory + "/ARCHIVE", facts.archive);
+    const bool watch_usable = find_unusable(watch);
     if (facts.target_name.empty()) {
-        add_error(list,
-                  about + "target file " + in_quotes(entry.target_file) + " has no file name");
-        return list;
+        report(error, name, "target file '%s' has no file name", entry->target_file.c_str());
+        return;
     }
-    if (!find_unusable(about, target, facts.target_directory, list))
-        return list;
+    if (!find_unusable(target))
+        return;
     if (facts.archive.open_error == 0) {
-        find_unwritable(about, archive, list);
-        find_apart(about, target, archive, "the target cannot be archived", list);
+        find_unwritable(archive);
+        find_apart(target, archive, "the target cannot be archived");
     } else if (facts.archive.open_error != ENOENT) {
-        add_error(list, about + "cannot open " + archive.name + ", " +
-                            strerror(facts.archive.open_error));
+        report_refused(archive, "open", facts.archive.open_error);
     }
     if (watch_usable)
-        find_apart(about, watch, target, "the target would be archived and not replaced", list);
-    find_own_folder(about, entry, facts, list);
-    find_bad_name(about, facts, list);
-    find_odd_target(about, facts, list);
-    return list;
+        find_apart(watch, target, "the target would be archived and not replaced");
+    find_chain(known, known);
+    find_bad_name(name, facts.target_name);
+    if (facts.target_mode != 0 && !S_ISREG(facts.target_mode) && facts.target_name != "ARCHIVE")
+        report(warning, name, "the target is no regular file, the first delivery would archive it");
 }
 
-findings pair_findings(const known_entry &earlier, const known_entry &later) {
-    findings list;
+void judge_pair(const known_entry &earlier, const known_entry &later) {
     const WatchEntry &entry = *later.entry;
-    const std::string about = about_entry(entry.name);
-    const std::string shared = " is that of entry " + in_quotes(earlier.entry->name) + " too";
-    const bool same_text = entry.target_file == earlier.entry->target_file;
+    const char *name = entry.name.c_str();
+    const char *other = earlier.entry->name.c_str();
     const bool same_place = is_same_directory(later.facts.target, earlier.facts.target) &&
                             later.facts.target_name == earlier.facts.target_name;
-    if (same_text || same_place)
-        add_warning(list, about + "target file " + in_quotes(entry.target_file) + shared);
+    if (same_place || entry.target_file == earlier.entry->target_file)
+        report(warning, name, "target file '%s' is that of entry '%s' too",
+               entry.target_file.c_str(), other);
     if (entry.watch_path == earlier.entry->watch_path ||
         is_same_directory(later.facts.watch, earlier.facts.watch))
-        add_warning(list, about + "watch path " + in_quotes(entry.watch_path) + shared);
-    find_chain(later, earlier, list);
-    find_chain(earlier, later, list);
-    return list;
+        report(warning, name, "watch path '%s' is that of entry '%s' too", entry.watch_path.c_str(),
+               other);
+    find_chain(later, earlier);
+    find_chain(earlier, later);
 }

@@ -1,9 +1,9 @@
-// What a parsed configuration file says that the loader passes over, and what it refuses. Pure
-// functions: neither disk nor registry is asked.
+// What the text of a configuration file says: what the loader ignores, what it refuses, and what it
+// takes in another sense than its author. Asks neither disk nor registry.
+//
+// Prints: findings.
 #ifndef CHECK_FILE_RULES_H
 #define CHECK_FILE_RULES_H
-
-#include "check/finding.h"
 
 #include <cpptoml.h>
 #include <map>
@@ -14,15 +14,11 @@
 // parsed file.
 using event_tables = std::map<std::string, std::shared_ptr<cpptoml::table>>;
 
-// The tables that the loader makes entries of, valid or not.
-event_tables event_tables_of(const cpptoml::table &root);
+// The tables that the loader makes entries of, valid or not. Reports everything else in the file.
+event_tables find_event_tables(const cpptoml::table &root);
 
-// What stands outside of the event tables: elements that look like one and are passed over, keys of
-// an event table in no table, a name that two tables share.
-findings file_findings(const cpptoml::table &root);
-
-// What stands in one event table: keys that are missing, empty or of the wrong kind, patterns that
-// do not compile, names near a known one, tables.
-findings table_findings(const std::string &name, const cpptoml::table &table);
+// Reports what is wrong in one event table: keys that are missing, ignored or without a usable
+// value, and patterns.
+void judge_table(const std::string &name, const cpptoml::table &table);
 
 #endif
