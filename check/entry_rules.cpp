@@ -68,6 +68,10 @@ void find_unwritable(const role &directory) {
 bool find_unusable(const role &directory) {
     const directory_facts &facts = directory.facts;
     const char *name = directory.name.c_str();
+    if (directory.path[0] != '/') {
+        report(error, directory.entry, "%s must be absolute: begin it with '/'", name);
+        return false;
+    }
     if (facts.open_error != 0) {
         // A path may come with the main storage, which is not there at present.
         if (!main_path.empty() ||

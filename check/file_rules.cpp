@@ -63,8 +63,6 @@ void judge_path(const char *entry, const cpptoml::table &table, const char *key)
         report(error, entry, "'%s' is not one text in quotes, the section is dropped", key);
     else if (text->empty())
         report(error, entry, "'%s' is empty, the section is dropped", key);
-    else if (text->front() != '/')
-        report(error, entry, "%s '%s' must be absolute: begin it with '/'", key, text->c_str());
 }
 
 // Patterns that are probably not what was meant: as a whole they look like this, do that, and may
