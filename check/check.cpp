@@ -5,7 +5,6 @@
 #include "check/entry_rules.h"
 #include "check/file_rules.h"
 #include "check/finding.h"
-#include "check/syntax_help.h"
 #include "config/configuration_load.h"
 #include "config/directory_discovery.h"
 #include "service/main_storage.h"
@@ -20,11 +19,6 @@ namespace {
 
 constexpr size_t enough = 10; // findings about pairs in which one entry takes part
 
-constexpr char example[] = "  [event_news]\n"
-                           "  \"watch path\" = \"/mnt/main/Upload/News\"\n"
-                           "  \"match pattern\" = \"[.]mxf$\"\n"
-                           "  \"target file\" = \"/mnt/main/Play/news.mxf\"\n";
-
 // The entries and the facts about them, in the order of a watch pass.
 std::vector<known_entry> known_entries() {
     std::vector<known_entry> entries;
@@ -33,39 +27,29 @@ std::vector<known_entry> known_entries() {
     return entries;
 }
 
-// The event tables of the file, loaded into the registry; none when it cannot be loaded.
-event_tables load_file() {
+// Loads the file into the registry, and judges its text.
+void load_file() {
     const char *path = configuration_path.c_str();
     struct stat status {};
     // The service starts with a regular file only, and reloads from whatever leads to one.
     if (lstat(path, &status) == 0 && !S_ISREG(status.st_mode))
-        report(error, nullptr, "File '%s' is no regular file, the service does not start with it",
-               path);
+        report(error, nullptr, "File '%s' is no regular file, the service does not start", path);
     const bool is_loaded = try_load_configuration();
     if (stat(path, &status) == 0 && !S_ISREG(status.st_mode))
-        return {};
+        return;
     std::ifstream file(path, std::ios::binary);
     if (!file) {
         report(error, nullptr, "File '%s' cannot be opened, %s", path, strerror(errno));
-        return {};
+        return;
     }
-    std::string text(std::istreambuf_iterator<char>(file), {});
-    if (!is_loaded && nests_too_deep(text)) {
-        report(error, nullptr, "File '%s' cannot be loaded", path);
-        return {};
-    }
+    const std::string text(std::istreambuf_iterator<char>(file), {});
     try {
+        if (!is_loaded && nests_too_deep(text))
+            throw cpptoml::parse_exception("nested too deep");
         std::istringstream stream(text);
-        const auto tables = find_event_tables(*cpptoml::parser(stream).parse());
-        if (tables.empty()) {
-            report(error, nullptr,
-                   "File '%s' has no section of an entry, which looks like this:", path);
-            diag("%s", example);
-        }
-        return tables;
+        judge_file(path, *cpptoml::parser(stream).parse());
     } catch (const std::exception &failure) {
         explain_syntax(path, text, failure.what());
-        return {};
     }
 }
 
@@ -90,18 +74,8 @@ std::vector<known_entry> load_directory(const std::string &dir) {
     return entries;
 }
 
-// Judges the entries in the order of a watch pass, the dropped ones by their tables alone.
-void judge(const event_tables &tables, const std::vector<known_entry> &entries, bool load_only) {
-    auto next = tables.begin();
-    for (auto later = entries.begin();; ++later) {
-        for (;
-             next != tables.end() && (later == entries.end() || next->first <= later->entry->name);
-             ++next)
-            judge_table(next->first, *next->second);
-        if (later == entries.end())
-            return;
-        if (load_only)
-            continue;
+void judge_entries(const std::vector<known_entry> &entries) {
+    for (auto later = entries.begin(); later != entries.end(); ++later) {
         judge_entry(*later);
         // Thousands of entries on one folder are one mistake.
         const size_t most = finding_count[warning] + enough;
@@ -117,22 +91,19 @@ bool check(const check_options &options) {
     finding_count[error] = finding_count[warning] = 0;
     if (!options.file.empty())
         configuration_path = options.file;
-    event_tables tables;
-    std::vector<known_entry> entries;
-    if (options.dir.empty()) {
-        tables = load_file();
-        entries = known_entries();
-    } else {
-        entries = load_directory(options.dir);
-    }
-    if (main_path.empty() && !options.load_only)
+    if (options.dir.empty())
+        load_file();
+    const std::vector<known_entry> entries =
+        options.dir.empty() ? known_entries() : load_directory(options.dir);
+    if (!options.load_only && main_path.empty())
         report(warning, nullptr,
                "the main storage '/mnt/main' does not resolve, no check runs and "
                "paths below it are not judged");
-    judge(tables, entries, options.load_only);
-    if (configuration.empty())
+    if (!options.load_only)
+        judge_entries(entries);
+    if (entries.empty())
         report(error, nullptr, "nothing to watch");
-    diag("Entries: %zu, errors: %zu, warnings: %zu\n", configuration.size(), finding_count[error],
+    diag("Entries: %zu, errors: %zu, warnings: %zu\n", entries.size(), finding_count[error],
          finding_count[warning]);
     if (options.dry_run && !main_path.empty())
         announce_pass(entries);

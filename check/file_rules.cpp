@@ -1,14 +1,22 @@
 #include "check/file_rules.h"
 
+#include "base/diagnostics.h"
 #include "check/finding.h"
 #include "config/regexstate.h"
 
 #include <algorithm>
+#include <map>
 #include <regex>
+#include <sstream>
 
 namespace {
 
 using element = std::shared_ptr<cpptoml::base>;
+
+constexpr char example[] = "  [event_news]\n"
+                           "  \"watch path\" = \"/mnt/main/Upload/News\"\n"
+                           "  \"match pattern\" = \"[.]mxf$\"\n"
+                           "  \"target file\" = \"/mnt/main/Play/news.mxf\"\n";
 
 constexpr char watch_key[] = "watch path";
 constexpr char pattern_key[] = "match pattern";
@@ -127,22 +135,18 @@ void judge_patterns(const char *entry, const cpptoml::table &table) {
                item == nullptr ? "no" : "no text in quotes in", pattern_key);
 }
 
-} // namespace
-
-event_tables find_event_tables(const cpptoml::table &root) {
-    for (const auto &[name, item] : sorted(root))
-        if (item->is_table())
-            find_nested_tables(name, *item->as_table());
-    event_tables result;
+// Reports everything that the loader does not make an entry of, and returns the rest by the names
+// of the entries.
+std::map<std::string, element> find_event_tables(const cpptoml::table &root) {
+    std::map<std::string, element> tables;
     for (const auto &[key, item] : sorted(root)) {
         const char *name = key.c_str();
         if (key == "event" && item->is_table_array()) {
             for (const auto &table : *item->as_table_array())
-                result["eventarrayitem" + std::to_string(result.size())] = table;
+                tables["eventarrayitem" + std::to_string(tables.size())] = table;
         } else if (is_event_name(key) && item->is_table()) {
-            if (!result.emplace(key, item->as_table()).second)
-                report(error, name,
-                       "[[event]] has an entry of that name, one of the two is dropped");
+            if (!tables.emplace(key, item).second)
+                report(error, name, "[[event]] has an entry of that name, one of them is dropped");
         } else if (item->is_table_array()) {
             report(warning, nullptr, "Section [[%s]] is ignored, only [[event]] is read", name);
         } else if (!item->is_table()) {
@@ -153,13 +157,10 @@ event_tables find_event_tables(const cpptoml::table &root) {
                    name);
         }
     }
-    return result;
+    return tables;
 }
 
-void judge_table(const std::string &name, const cpptoml::table &table) {
-    if (has_only_tables(table))
-        return;
-    const char *entry = name.c_str();
+void judge_table(const char *entry, const cpptoml::table &table) {
     judge_path(entry, table, watch_key);
     judge_patterns(entry, table);
     judge_path(entry, table, target_key);
@@ -167,4 +168,68 @@ void judge_table(const std::string &name, const cpptoml::table &table) {
         if (key != watch_key && key != pattern_key && key != target_key && !is_container(item))
             report(warning, entry, "key '%s' is ignored, the keys are '%s', '%s' and '%s'",
                    key.c_str(), watch_key, pattern_key, target_key);
+}
+
+// What the parser's messages mean in practice, and what to do.
+constexpr struct {
+    const char *message, *hint;
+} hints[] = {
+    {"cannot contain whitespace",
+     "a key with blanks needs quotes, as in \"watch path\" = \"/mnt/main/Upload/News\", and a "
+     "comment begins with #"},
+    {"parse value type", "a value needs quotes around it"},
+    {"boolean value", "a value needs quotes around it"},
+    {"Malformed number", "a value needs quotes around it"},
+    {"escape sequence", "a backslash in double quotes begins an escape: put the text in single "
+                        "quotes, as in '\\.mxf$'"},
+    {"homogeneous", "the values of an array are of one kind: put each pattern in quotes"},
+    {"Unexpected character in array", "the values of an array are of one kind: put each pattern in "
+                                      "quotes"},
+    {"trailing character", "something follows a complete value; in an array over several lines, a "
+                           "comma or the closing ] is missing in the line before"},
+    {"Unclosed array", "the closing ] of an array is missing"},
+    {"string literal", "the closing quote is missing"},
+    {"follow after a '='", "a line is a [section], a key = value, or a # comment"},
+    {"already present", "a key stands twice in one section"},
+    {"Redefinition", "two sections have one name: give each a name of its own"},
+};
+
+const char *hint_for(const std::string &text, const std::string &line, const std::string &message) {
+    if (text.compare(0, 3, "\xEF\xBB\xBF") == 0 || text.compare(0, 2, "\xFF\xFE") == 0)
+        return "it begins with a byte order mark, save it as plain UTF-8";
+    if (line.find("\xE2\x80") != std::string::npos)
+        return "type plain quotes, \" or ', in place of typographic ones";
+    for (const auto &[seen, hint] : hints)
+        if (message.find(seen) != std::string::npos)
+            return hint;
+    return "";
+}
+
+} // namespace
+
+void judge_file(const char *path, const cpptoml::table &root) {
+    for (const auto &[name, item] : sorted(root))
+        if (item->is_table())
+            find_nested_tables(name, *item->as_table());
+    const auto tables = find_event_tables(root);
+    if (tables.empty()) {
+        report(error, nullptr, "File '%s' has no section of an entry, such as:", path);
+        diag("%s", example);
+    }
+    for (const auto &[name, table] : tables)
+        if (!has_only_tables(*table->as_table()))
+            judge_table(name.c_str(), *table->as_table());
+}
+
+void explain_syntax(const std::string &path, const std::string &text, const std::string &message) {
+    std::istringstream lines(text);
+    std::string line;
+    const size_t number = std::strtoul(message.c_str() + message.rfind(' '), nullptr, 10);
+    for (size_t n = 0; n < number; ++n)
+        std::getline(lines, line);
+    if (number > 0)
+        diag("  line %zu: %s\n", number, line.c_str());
+    const char *hint = hint_for(text, line, message);
+    report(error, nullptr, "File '%s' cannot be loaded%s%s", path.c_str(),
+           *hint == '\0' ? "" : ": ", hint);
 }

@@ -6,19 +6,12 @@
 #define CHECK_FILE_RULES_H
 
 #include <cpptoml.h>
-#include <map>
-#include <memory>
 #include <string>
 
-// The event tables by the names of their entries, in the order of a watch pass. Shared with the
-// parsed file.
-using event_tables = std::map<std::string, std::shared_ptr<cpptoml::table>>;
+// Why the parser refuses the text: prints the source line that its message names, and reports that
+// the file cannot be loaded, with what to do where the mistake is a common one.
+void explain_syntax(const std::string &path, const std::string &text, const std::string &message);
 
-// The tables that the loader makes entries of, valid or not. Reports everything else in the file.
-event_tables find_event_tables(const cpptoml::table &root);
-
-// Reports what is wrong in one event table: keys that are missing, ignored or without a usable
-// value, and patterns.
-void judge_table(const std::string &name, const cpptoml::table &table);
+void judge_file(const char *path, const cpptoml::table &root);
 
 #endif
