@@ -144,7 +144,9 @@ string delivery_text(const known_entry &known, const folder &watch, const ItemCo
     bool has_slash = false;
     const string original_name = is_new ? change->second : original_name_in(list, has_slash);
     archive_base base = choose_archive_base(archive.fd, own, original_name);
-    base.needs_suffix |= changes.count(place_in(in_place, "ARCHIVE/" + base.name)) > 0;
+    // What every directory has, and what none can have, is never free.
+    base.needs_suffix |= base.name == "." || base.name == ".." || base.name.size() > NAME_MAX ||
+                         changes.count(place_in(in_place, "ARCHIVE/" + base.name)) > 0;
     const string suffix = archive_suffix({}, monotonic_clock_us());
     const string archive_name = base.name + (base.needs_suffix ? suffix : "");
     const string names =

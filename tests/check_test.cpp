@@ -67,7 +67,7 @@ const row mistakes[] = {
          in_event1 + "no 'match pattern', no file is ever delivered\nError: " + in_event1 +
          "'target file' is empty, the section is dropped\nError: nothing to watch\nEntries: 0, "
          "errors: 4"},
-    {"TwoOfOneName", "[[event]]\n[eventarrayitem0]", "one of the two is dropped"},
+    {"TwoOfOneName", "[[event]]\n[eventarrayitem0]", "one of them is dropped"},
     {"PatternDoesNotCompile", entry("event1", "in", "'('", "out/a"),
      "pattern '(', the section is dropped: Unable"},
     {"PatternsAreNumbers", entry("event1", "in", "[1]", "out/a"),
