@@ -155,9 +155,13 @@ string delivery_text(const known_entry &known, const folder &watch, const ItemCo
     if (is_failure(code))
         return failure_text("cannot archive" + names, code);
 
-    changes[place_in(in_place, "ARCHIVE/" + base.name)] = own;
+    if (has_item)
+        changes[place_in(in_place, "ARCHIVE/" + base.name)] = own;
     changes[place_in(in_place, own)] = "";
     code = metadata_error(in_place, own, archive, archive_name, false);
+    const place metadata = place_in(in_place, "ARCHIVE/" + file_to_metadir(archive_name));
+    if (code == 0 && !changes.emplace(metadata, "").second)
+        code = ENOTEMPTY; // that of an entry before
     const bool moves_metadata = code == 0;
     const string archived = has_item         ? "archive" + names
                             : moves_metadata ? "archive the metadata of" + names

@@ -102,24 +102,15 @@ void find_bad_name(const char *entry, const std::string &name) {
     if (name == "ARCHIVE" || is_metadata_dir_name(name))
         report(error, entry, "the target '%s' has the name of %s, which a delivery would move away",
                name.c_str(), name == "ARCHIVE" ? "the ARCHIVE directory" : "a metadata directory");
-    else if (name.size() > NAME_MAX)
-        report(error, entry, "the target's name is too long, nothing is delivered, %s",
-               strerror(ENAMETOOLONG));
-    else if (file_to_metadir(name).empty())
-        report(error, entry,
-               "the target's name has %zu bytes, 247 or more are delivered once and never "
-               "replaced, %s",
-               name.size(), strerror(ENAMETOOLONG));
-    else if (archived.size() > NAME_MAX)
-        report(warning, entry,
-               "the target's name has %zu bytes, an item without a recorded name could not be "
-               "archived and replaced, %s",
-               name.size(), strerror(ENAMETOOLONG));
-    else if (file_to_metadir(archived).empty())
-        report(warning, entry,
-               "the target's name has %zu bytes, an item archived under it would leave its "
-               "metadata behind",
-               name.size());
+    const char *effect =
+        name.size() > NAME_MAX              ? "it is never delivered"
+        : file_to_metadir(name).empty()     ? "from 247 on it is delivered once and never replaced"
+        : archived.size() > NAME_MAX        ? "without a recorded name it is never replaced"
+        : file_to_metadir(archived).empty() ? "in ARCHIVE it may be without its metadata"
+                                            : nullptr;
+    if (effect != nullptr)
+        report(file_to_metadir(name).empty() ? error : warning, entry,
+               "the target's name has %zu bytes, %s", name.size(), effect);
 }
 
 // What one entry puts down, another may take up as if somebody had dropped it there.

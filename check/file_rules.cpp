@@ -65,12 +65,12 @@ const std::string *text_of(const element &item) {
 void judge_path(const char *entry, const cpptoml::table &table, const char *key) {
     const element item = find(table, key);
     const std::string *text = text_of(item);
-    if (item == nullptr)
-        report(error, entry, "no '%s', the section is dropped", key);
-    else if (text == nullptr)
-        report(error, entry, "'%s' is not one text in quotes, the section is dropped", key);
-    else if (text->empty())
-        report(error, entry, "'%s' is empty, the section is dropped", key);
+    const char *wrong = item == nullptr   ? "is missing"
+                        : text == nullptr ? "is not one text in quotes"
+                        : text->empty()   ? "is empty"
+                                          : nullptr;
+    if (wrong != nullptr)
+        report(error, entry, "'%s' %s, the section is dropped", key, wrong);
 }
 
 // Patterns that are probably not what was meant: as a whole they look like this, do that, and may
@@ -171,27 +171,25 @@ void judge_table(const char *entry, const cpptoml::table &table) {
 }
 
 // What the parser's messages mean in practice, and what to do.
+constexpr char quotes[] = "put quotes around the value";
+constexpr char one_kind[] = "an array has values of one kind: put quotes around each pattern";
 constexpr struct {
     const char *message, *hint;
 } hints[] = {
-    {"cannot contain whitespace",
-     "a key with blanks needs quotes, as in \"watch path\" = \"/mnt/main/Upload/News\", and a "
-     "comment begins with #"},
-    {"parse value type", "a value needs quotes around it"},
-    {"boolean value", "a value needs quotes around it"},
-    {"Malformed number", "a value needs quotes around it"},
-    {"escape sequence", "a backslash in double quotes begins an escape: put the text in single "
-                        "quotes, as in '\\.mxf$'"},
-    {"homogeneous", "the values of an array are of one kind: put each pattern in quotes"},
-    {"Unexpected character in array", "the values of an array are of one kind: put each pattern in "
-                                      "quotes"},
-    {"trailing character", "something follows a complete value; in an array over several lines, a "
-                           "comma or the closing ] is missing in the line before"},
+    {"cannot contain whitespace", "put quotes around a key with blanks, and a # before a comment"},
+    {"parse value type", quotes},
+    {"boolean value", quotes},
+    {"Malformed number", quotes},
+    {"escape sequence", "put a text with a backslash in single quotes, as in '\\.mxf$'"},
+    {"homogeneous", one_kind},
+    {"Unexpected character in array", one_kind},
+    {"trailing character",
+     "the line before lacks a comma or the ] of an array, or remove the rest"},
     {"Unclosed array", "the closing ] of an array is missing"},
     {"string literal", "the closing quote is missing"},
     {"follow after a '='", "a line is a [section], a key = value, or a # comment"},
     {"already present", "a key stands twice in one section"},
-    {"Redefinition", "two sections have one name: give each a name of its own"},
+    {"Redefinition", "give each section a name of its own"},
 };
 
 const char *hint_for(const std::string &text, const std::string &line, const std::string &message) {

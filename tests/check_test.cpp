@@ -40,68 +40,71 @@ std::string check(const storage &main, const std::string &text, check_options op
 
 struct row {
     const char *name;
-    std::string text, line;
+    std::string text;
+    const char *line;
 };
 
-const std::string good = entry("event1", "in", "'[.]mxf$'", "out/a");
-const std::string in_event1 = "Entry 'event1': ";
+std::string pattern(const std::string &text) {
+    return entry("event1", "in", text, "out/a");
+}
+
+std::string target(const std::string &name) {
+    return entry("event1", "in", "'m$'", name);
+}
+
+std::string long_target(size_t size) {
+    return target("out/" + std::string(size, 'x'));
+}
+
+const std::string good = pattern("'[.]mxf$'");
+const std::string shared = entry("event0", "in/", "'m$'", "out/a") + good;
 
 const row mistakes[] = {
     {"None", good, "Entries: 1, errors: 0, warnings: 0\n"},
-    {"EmptyFile", "", "'target file'|\"target file\" = \"/mnt/main/Play/news.mxf\""},
-    {"BlankInKey", "\nwatch path = 1\n",
-     "  line 2: watch path = 1\nError: File '@/f.toml' cannot be loaded: a key"},
-    {"MissingComma", "a=['x'\n'y']", "is missing in the line before"},
+    {"EmptyFile", "", "\"target file\" = \"/mnt/main/Play/news.mxf\""},
+    {"BlankInKey", "\nwatch path = 1\n", "  line 2: watch path = 1\nError: File '@/f.toml' cannot"},
+    {"MissingComma", "a=['x'\n'y']", "cannot be loaded: the line before lacks a comma"},
     {"ByteOrderMark", "\xEF\xBB\xBF[event1]", "byte order mark"},
-    {"DottedSection", good + "[event.news]\n'watch path'=''",
-     "Error: Section [event.news] is ignored because of its dot: write [event_news]\nEntries: 1, "
-     "errors: 1"},
+    {"DottedSection", good + "[event.news]\n'x'=''",
+     "[event.news] is ignored because of its dot: write [event_news]\nEntries: 1, errors: 1"},
     {"UpperCase", good + "[Event_News]",
-     "Section [Event_News] is ignored, its name must begin with 'event', in lower case"},
+     "[Event_News] is ignored, its name must begin with 'event', in lower case"},
     {"OtherArray", good + "[[events]]", "Section [[events]] is ignored"},
     {"LooseKey", "event2='x'\n" + good, "Key 'event2' is ignored"},
     {"UnknownKey", good + "'target'=''",
-     in_event1 + "key 'target' is ignored, the keys are 'watch path',"},
-    {"KeysMissing", "[event1]\n'watch path'=1\n'target file'=''",
-     in_event1 + "'watch path' is not one text in quotes, the section is dropped\nError: " +
-         in_event1 + "no 'match pattern', no file is ever delivered\nError: " + in_event1 +
-         "'target file' is empty, the section is dropped\nError: nothing to watch\nEntries: 0, "
-         "errors: 4"},
+     "'event1': key 'target' is ignored, the keys are 'watch path',"},
+    {"KeyOfAnotherKind", "[event1]\n'watch path'=1",
+     "'event1': 'watch path' is not one text in quotes, the"},
+    {"KeysMissing", "[event1]",
+     "'event1': 'target file' is missing, the section is dropped\nError: nothing"},
     {"TwoOfOneName", "[[event]]\n[eventarrayitem0]", "one of them is dropped"},
-    {"PatternDoesNotCompile", entry("event1", "in", "'('", "out/a"),
-     "pattern '(', the section is dropped: Unable"},
-    {"PatternsAreNumbers", entry("event1", "in", "[1]", "out/a"),
-     "no text in quotes in 'match pattern'"},
-    {"ShellPattern", entry("event1", "in", "'news*.mxf'", "out/a"), "is '^news.*[.]mxf$' meant?"},
-    {"ShellStar", entry("event1", "in", "['a$', '*.mxf']", "out/a"), "is '[.]mxf$' meant?"},
-    {"NoEnd", entry("event1", "in", "'x.(mov|mxf)'", "out/a"), "is 'x[.](mov|mxf)$' meant?"},
-    {"HiddenFiles", entry("event1", "in", "'^[.]news'", "out/a"), "is '^news' meant?"},
-    {"SoundPatterns",
-     entry("event1", "in", R"(['', '^a[0-9]*[.]mxf$', '\d*.*x$', 'jpe?g$'])", "out/a"),
-     "warnings: 0"},
+    {"PatternDoesNotCompile", pattern("'('"), "pattern '(', the section is dropped: Unable"},
+    {"PatternsAreNumbers", pattern("[1]"), "no text in quotes in 'match pattern'"},
+    {"ShellPattern", pattern("'news*.mxf'"), "is '^news.*[.]mxf$' meant?"},
+    {"ShellStar", pattern("['a$', '*.mxf']"), "is '[.]mxf$' meant?"},
+    {"NoEnd", pattern("'x.(mov|mxf)'"), "is 'x[.](mov|mxf)$' meant?"},
+    {"HiddenFiles", pattern("'^[.]news'"), "is '^news' meant?"},
+    {"SoundPatterns", pattern(R"(['', '^a[0-9]*[.]mxf$', '\d*.*x$', 'jpe?g$'])"), "warnings: 0"},
     {"RelativePath", replaced(good, "'@/in'", "'in'"),
-     in_event1 + "watch path 'in' must be absolute: begin it with '/'\nEntries"},
+     "watch path 'in' must be absolute: begin it with '/'\nEnt"},
     {"NoWatchFolder", entry("event1", "no", "'m$'", "out/a"),
-     in_event1 + "cannot open watch path '@/no', No such file"},
+     "cannot open watch path '@/no', No such"},
     {"Outside", entry("event1", "link", "'m$'", "out/a"),
-     "watch path '@/link' is '/', not below the main storage '@'"},
-    {"NoFileName", entry("event1", "in", "'m$'", "out/"), "target file '@/out/' has no file name"},
-    {"ArchiveIsNoDirectory", entry("event1", "in", "'m$'", "bad/a"),
+     "'@/link' is '/', not below the main storage '@'"},
+    {"NoFileName", target("out/"), "target file '@/out/' has no file name"},
+    {"ArchiveIsNoDirectory", target("bad/a"),
      "cannot open ARCHIVE directory '@/bad/ARCHIVE', Not a"},
-    {"TargetIsFolder", entry("event1", "in", "'m$'", "out/dir"), "the target is no regular file"},
-    {"MetadataName", entry("event1", "in", "'m$'", "out/.a.metadir"),
-     "has the name of a metadata directory"},
-    {"Name206", entry("event1", "in", "'m$'", "out/" + std::string(206, 'x')),
-     "Warning: " + in_event1 + "the target's name has 206 bytes, an item archived"},
-    {"Name246", entry("event1", "in", "'m$'", "out/" + std::string(246, 'x')),
-     "Warning: " + in_event1 + "the target's name has 246 bytes, an item without"},
-    {"Name247", entry("event1", "in", "'m$'", "out/" + std::string(247, 'x')),
-     "Error: " + in_event1 + "the target's name has 247"},
+    {"TargetIsFolder", target("out/dir"), "the target is no regular file"},
+    {"MetadataName", target("out/.a.metadir"), "has the name of a metadata directory"},
+    {"Name205", long_target(205), "errors: 0, warnings: 0"},
+    {"Name214", long_target(214), "name has 214 bytes, in ARCHIVE it may be without its metadata"},
+    {"Name246", long_target(246),
+     "name has 246 bytes, without a recorded name it is never replaced"},
+    {"Name247", long_target(247), "name has 247 bytes, from 247 on it is delivered once"},
     {"OwnTarget", entry("event1", "out", "'a$'", "out/a"),
-     "Error: " + in_event1 + "takes the target 'a' of entry 'event1'"},
-    {"Shared", entry("event0", "in/", "'m$'", "out/a") + good,
-     "target file '@/out/a' is that of entry 'event0' too\nWarning: " + in_event1 +
-         "watch path '@/in' is that"},
+     "takes the target 'a' of entry 'event1'"},
+    {"SharedTarget", shared, "'event1': target file '@/out/a' is that of entry 'event0' too"},
+    {"SharedFolder", shared, "'event1': watch path '@/in' is that of entry 'event0' too"},
 };
 
 class Mistakes : public testing::TestWithParam<row> {};
@@ -111,8 +114,7 @@ class Mistakes : public testing::TestWithParam<row> {};
 TEST_P(Mistakes, HaveTheirLine) {
     const storage main;
     const std::string lines = check(main, GetParam().text);
-    EXPECT_NE(lines.find(GetParam().line.substr(GetParam().line.find('|') + 1)), std::string::npos)
-        << lines;
+    EXPECT_NE(lines.find(GetParam().line), std::string::npos) << lines;
 }
 
 INSTANTIATE_TEST_SUITE_P(Check, Mistakes, testing::ValuesIn(mistakes),
