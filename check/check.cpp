@@ -23,7 +23,7 @@ constexpr size_t enough = 10; // findings about pairs in which one entry takes p
 std::vector<known_entry> known_entries() {
     std::vector<known_entry> entries;
     for (const auto &[name, entry] : configuration)
-        entries.push_back({&entry, collect_facts(entry)});
+        entries.push_back(collect_facts(entry));
     return entries;
 }
 
@@ -64,12 +64,12 @@ std::vector<known_entry> load_directory(const std::string &dir) {
         entry.target_file = play_root + entry.target_file.substr(upload_root.size());
     std::vector<known_entry> entries = known_entries();
     for (known_entry &one : entries) {
-        if (one.facts.target.open_error != ENOENT)
+        if (one.target.open_error != ENOENT)
             continue;
         // The service will make it in the folder above.
-        one.facts.target = collect_directory_facts(dir);
-        one.facts.target.path += "/Play";
-        one.facts.target.inode = 0;
+        one.target = collect_directory_facts("target directory", dir);
+        one.target.path += "/Play";
+        one.target.inode = 0;
     }
     return entries;
 }

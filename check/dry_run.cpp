@@ -46,7 +46,7 @@ bool is_there(const folder &where, const string &name) {
 // The files that may be delivered, the first in front.
 std::vector<string> find_waiting(DIR *watch_dir, const known_entry &known,
                                  const changed_places &changes) {
-    const folder watch{dirfd(watch_dir), known.facts.watch};
+    const folder watch{dirfd(watch_dir), known.watch};
     std::vector<string> names;
     while (const char *name = next_candidate(watch_dir, *known.entry)) {
         const auto change = changes.find(place_in(watch, name));
@@ -126,10 +126,10 @@ string failure_text(const string &text, int code) {
 string delivery_text(const known_entry &known, const folder &watch, const ItemContext &target,
                      const string &file, changed_places &changes) {
     const string own = target.file_name();
-    const folder in_place{target.dir_fd(), known.facts.target};
+    const folder in_place{target.dir_fd(), known.target};
     const unique_fd archive_fd(openat(in_place.fd, "ARCHIVE", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const bool is_made = known.facts.archive.open_error == ENOENT;
-    const folder archive{archive_fd.get(), is_made ? in_place.facts : known.facts.archive};
+    const bool is_made = known.archive.open_error == ENOENT;
+    const folder archive{archive_fd.get(), is_made ? in_place.facts : known.archive};
     int code = is_made ? in_place.facts.rename_error : archive.facts.open_error;
     if (code != 0)
         return failure_text(is_made ? "cannot make the ARCHIVE directory"
@@ -185,7 +185,7 @@ string outcome(const known_entry &known, changed_places &changes) {
     const unique_dir watch_dir(opendir(entry.watch_path.c_str()));
     if (watch_dir == nullptr)
         return failure_text("cannot open watch path '" + entry.watch_path + "'", errno);
-    if (const char *reason = why_not_scanned(known.facts.watch.path, known.facts.target.path))
+    if (const char *reason = why_not_scanned(known.watch.path, known.target.path))
         return string("stuck: watch path or target directory, ") + reason;
     const std::vector<string> files = find_waiting(watch_dir.get(), known, changes);
     if (files.empty())
@@ -197,8 +197,8 @@ string outcome(const known_entry &known, changed_places &changes) {
     const refusal reason = why_refused(files[0].c_str(), target, entry);
     const string text = reason != refusal::none
                             ? refusal_text(reason, entry, target, files[0])
-                            : delivery_text(known, {dirfd(watch_dir.get()), known.facts.watch},
-                                            target, files[0], changes);
+                            : delivery_text(known, {dirfd(watch_dir.get()), known.watch}, target,
+                                            files[0], changes);
     const size_t behind = files.size() - 1;
     return behind == 0 ? text : text + "; files that wait behind it: " + std::to_string(behind);
 }

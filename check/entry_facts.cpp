@@ -13,10 +13,6 @@
 
 namespace {
 
-unique_fd open_directory_at(int at, const char *path) {
-    return unique_fd(openat(at, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-}
-
 bool has_capability(int capability) {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3]{};
@@ -38,54 +34,48 @@ int rename_error_of(int fd, const struct statx &status) {
     return is_sticky && status.stx_uid != geteuid() && !has_capability(CAP_FOWNER) ? EPERM : 0;
 }
 
-directory_facts facts_of(int fd) {
-    directory_facts facts;
-    struct statx status {};
-    struct statfs system {};
-    facts.open_error =
-        fd < 0 || fstatfs(fd, &system) != 0 ||
-                statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_MNT_ID, &status) != 0
-            ? errno
-            : 0;
-    if (facts.open_error != 0)
-        return facts;
-    facts.path = procfs_fd_realpath(fd);
-    facts.device = makedev(status.stx_dev_major, status.stx_dev_minor);
-    facts.inode = status.stx_ino;
-    facts.mount = (status.stx_mask & STATX_MNT_ID) != 0 ? status.stx_mnt_id : 0;
-    facts.type = static_cast<uint32_t>(system.f_type);
-    facts.rename_error = rename_error_of(fd, status);
-    return facts;
-}
-
 } // namespace
 
 bool is_ordinary_user() {
     return geteuid() != 0 && !has_capability(CAP_DAC_OVERRIDE);
 }
 
-directory_facts collect_directory_facts(const std::string &path) {
-    return facts_of(open_directory_at(AT_FDCWD, path.c_str()).get());
+directory_facts collect_directory_facts(const char *what, const std::string &path) {
+    directory_facts facts;
+    facts.configured = path;
+    facts.name = what + (" '" + path + "'");
+    const unique_fd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct statx status {};
+    struct statfs system {};
+    if (!fd || fstatfs(fd.get(), &system) != 0 ||
+        statx(fd.get(), "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_MNT_ID, &status) != 0) {
+        facts.open_error = errno;
+        return facts;
+    }
+    facts.open_error = 0;
+    facts.path = procfs_fd_realpath(fd.get());
+    facts.device = makedev(status.stx_dev_major, status.stx_dev_minor);
+    facts.inode = status.stx_ino;
+    facts.mount = (status.stx_mask & STATX_MNT_ID) != 0 ? status.stx_mnt_id : 0;
+    facts.type = static_cast<uint32_t>(system.f_type);
+    facts.rename_error = rename_error_of(fd.get(), status);
+    return facts;
 }
 
-entry_facts collect_facts(const WatchEntry &entry) {
-    entry_facts facts;
-    facts.watch = collect_directory_facts(entry.watch_path);
+known_entry collect_facts(const WatchEntry &entry) {
+    known_entry known{&entry, collect_directory_facts("watch path", entry.watch_path), {}, {}, "",
+                      0};
     ItemContext target;
     if (!target.set_file_location(entry.target_file))
-        return facts;
-    facts.target_name = target.file_name();
-    facts.target_directory = target.dir_path();
-    const unique_fd target_fd = open_directory_at(AT_FDCWD, target.dir_path());
-    facts.target = facts_of(target_fd.get());
-    if (!target_fd)
-        return facts;
-    facts.archive = facts_of(open_directory_at(target_fd.get(), "ARCHIVE").get());
+        return known;
+    known.target_name = target.file_name();
+    const std::string directory = target.dir_path();
+    known.target = collect_directory_facts("target directory", directory);
+    known.archive = collect_directory_facts("ARCHIVE directory", directory + "/ARCHIVE");
     struct stat status {};
-    if (facts.archive.open_error == ENOENT &&
-        fstatat(target_fd.get(), "ARCHIVE", &status, AT_SYMLINK_NOFOLLOW) == 0)
-        facts.archive.open_error = ENOTDIR; // a link to nothing, which the service cannot make anew
-    if (fstatat(target_fd.get(), target.file_name(), &status, AT_SYMLINK_NOFOLLOW) == 0)
-        facts.target_mode = status.st_mode;
-    return facts;
+    if (known.archive.open_error == ENOENT && lstat((directory + "/ARCHIVE").c_str(), &status) == 0)
+        known.archive.open_error = ENOTDIR; // a link to nothing, which the service cannot make anew
+    if (lstat((directory + "/" + known.target_name).c_str(), &status) == 0)
+        known.target_mode = status.st_mode;
+    return known;
 }

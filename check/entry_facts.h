@@ -12,6 +12,8 @@
 #include <sys/types.h>
 
 struct directory_facts {
+    std::string configured;
+    std::string name;        // what the lines call it: "watch path '/mnt/main/Upload/News'"
     int open_error = ENOENT; // 0 when it could be opened; only then is the rest set
     std::string path;        // where it really is
     dev_t device = 0;        // of its file system
@@ -21,18 +23,11 @@ struct directory_facts {
     int rename_error = 0;   // errno where names in it cannot be changed
 };
 
-struct entry_facts {
-    directory_facts watch;
-    std::string target_name;      // empty when the target's path ends in no name
-    std::string target_directory; // as configured
-    directory_facts target;       // of that directory
-    directory_facts archive;
-    mode_t target_mode = 0; // 0 when nothing stands at the target
-};
-
 struct known_entry {
     const WatchEntry *entry; // of the registry
-    entry_facts facts;
+    directory_facts watch, target, archive;
+    std::string target_name; // empty when the target's path ends in no name
+    mode_t target_mode = 0;  // 0 when nothing stands at the target
 };
 
 inline bool is_same_directory(const directory_facts &a, const directory_facts &b) {
@@ -43,9 +38,9 @@ inline bool is_same_directory(const directory_facts &a, const directory_facts &b
 bool is_ordinary_user();
 
 // A directory by its path, which is followed through symbolic links.
-directory_facts collect_directory_facts(const std::string &path);
+directory_facts collect_directory_facts(const char *what, const std::string &path);
 
 // Opens and closes what the entry names. Changes nothing, and holds no descriptor afterwards.
-entry_facts collect_facts(const WatchEntry &entry);
+known_entry collect_facts(const WatchEntry &entry);
 
 #endif

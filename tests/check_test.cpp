@@ -133,10 +133,10 @@ TEST(Check, LoadDoesNotJudgeTheDisk) {
 TEST(Check, RemoteFileSystemsAndMounts) {
     const storage main;
     check(main, good);
-    known_entry known{&configuration["event1"], collect_facts(configuration["event1"])};
-    known.facts.target.mount += 1;
-    known.facts.watch.type = NFS_SUPER_MAGIC;
-    known.facts.watch.rename_error = EROFS;
+    known_entry known = collect_facts(configuration["event1"]);
+    known.target.mount += 1;
+    known.watch.type = NFS_SUPER_MAGIC;
+    known.watch.rename_error = EROFS;
     const captured_output output;
     judge_entry(known);
     for (const char *part :
