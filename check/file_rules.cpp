@@ -185,10 +185,8 @@ constexpr struct {
     {"Unexpected character in array", one_kind},
     {"trailing character",
      "the line before lacks a comma or the ] of an array, or remove the rest"},
-    {"Unclosed array", "the closing ] of an array is missing"},
     {"string literal", "the closing quote is missing"},
     {"follow after a '='", "a line is a [section], a key = value, or a # comment"},
-    {"already present", "a key stands twice in one section"},
     {"Redefinition", "give each section a name of its own"},
 };
 
