@@ -184,7 +184,7 @@ constexpr struct {
     {"homogeneous", one_kind},
     {"Unexpected character in array", one_kind},
     {"trailing character",
-     "the line before lacks a comma or the ] of an array, or remove the rest"},
+     "a comma or ] is missing in the line before, or something follows a value"},
     {"string literal", "the closing quote is missing"},
     {"follow after a '='", "a line is a [section], a key = value, or a # comment"},
     {"Redefinition", "give each section a name of its own"},

@@ -69,7 +69,7 @@ const row mistakes[] = {
     {"None", good, "Entries: 1, errors: 0, warnings: 0\n"},
     {"EmptyFile", "", "\"target file\" = \"/mnt/main/Play/news.mxf\""},
     {"BlankInKey", "\nwatch path = 1\n", "  line 2: watch path = 1\nError: File '@/f.toml' cannot"},
-    {"MissingComma", "a=['x'\n'y']", "cannot be loaded: the line before lacks a comma"},
+    {"MissingComma", "a=['x'\n'y']", "a comma or ] is missing in the line before"},
     {"ByteOrderMark", "\xEF\xBB\xBF[event1]", "byte order mark"},
     {"DottedSection", good + "[event.news]\n'x'=''",
      "of its dot: write [event_news]\nEntries: 1, errors: 1"},
