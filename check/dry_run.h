@@ -4,7 +4,7 @@
 #ifndef CHECK_DRY_RUN_H
 #define CHECK_DRY_RUN_H
 
-#include "check/entry_facts.h"
+#include "check/entry_rules.h"
 
 #include <vector>
 
