@@ -1,20 +1,28 @@
 // The check of a whole configuration: it is loaded as the service loads it, and judged.
 //
-// Errors: none leave; what cannot be read is an error that is reported and counted.
-// Prints: what the loader prints, then "Error: %s" or "Warning: %s" for each finding, then
-//         "Entries: %zu, errors: %zu, warnings: %zu".
+// Prints: what the loader prints, the findings, "Entries: %zu, errors: %zu, warnings: %zu", and
+//         what a dry run announces. The command line: the usage text on standard output, "Error in
+//         command line: " with a message on standard error.
 #ifndef CHECK_CHECK_H
 #define CHECK_CHECK_H
 
+#include <optional>
 #include <string>
 
-// Both need main_path, empty where the main storage does not resolve, and an empty registry, which
-// they fill. Both return whether no error was found, and leave the disk as it was.
+struct check_options {
+    std::string dir;  // of directory mode; empty when it was not given
+    std::string file; // the configuration file; empty for the service's own
+    bool load_only = false;
+    bool dry_run = false;
+};
 
-// The configuration file at configuration_path.
-[[nodiscard]] bool check_configuration_file();
+// Returns the exit status when the process is to end here: 0 after the usage text, 1 after an
+// error.
+std::optional<int> parse_check_command_line(int argc, const char *const *argv,
+                                            check_options &options);
 
-// The folder tree of directory mode.
-[[nodiscard]] bool check_directory(const std::string &dir);
+// Needs main_path, empty where the main storage does not resolve, and an empty registry, which it
+// fills. Returns whether no error was found, and leaves the disk as it was.
+[[nodiscard]] bool check(const check_options &options);
 
 #endif

@@ -1,166 +1,231 @@
 #include "check/entry_rules.h"
 
+#include "base/handles.h"
+#include "check/finding.h"
 #include "delivery/archive_name.h"
 #include "delivery/cppmetadir.h"
+#include "delivery/item_context.h"
 #include "service/main_storage.h"
+#include "watch/cpprealpath.h"
 
-#include <cerrno>
+#include <climits>
 #include <cstring>
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr char main_storage[] = "/mnt/main/";
-constexpr char archive_name[] = "ARCHIVE";
 
 // The monotonic clock of a machine that has been up for thirty years.
 constexpr uint64_t long_uptime_us = 999999999999999;
 
-// One directory of an entry, and what the lines call it.
-struct role {
-    std::string name;
-    const directory_facts &facts;
+bool has_capability(int capability) {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3]{};
+    return syscall(SYS_capget, &header, data) == 0 && (data[0].effective & 1U << capability) != 0;
+}
+
+// Asks with the effective user and its capabilities; a read-only file system is an answer too. A
+// directory that takes names but lets none go refuses as well.
+int rename_error_of(int fd, const struct statx &status) {
+    // No directory gets a second name. Before that is refused comes what a mount says that does not
+    // map the user.
+    if (linkat(fd, ".", fd, ".no second name", 0) != 0 && errno == EOVERFLOW)
+        return EOVERFLOW;
+    if (faccessat(fd, ".", W_OK | X_OK, AT_EACCESS) != 0)
+        return errno;
+    if ((status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0)
+        return EPERM;
+    const bool is_sticky = (status.stx_mode & S_ISVTX) != 0;
+    return is_sticky && status.stx_uid != geteuid() && !has_capability(CAP_FOWNER) ? EPERM : 0;
+}
+
+// Is the process neither root nor one that may read and write anywhere, as the service may?
+bool is_ordinary_user() {
+    return geteuid() != 0 && !has_capability(CAP_DAC_OVERRIDE);
+}
+
+constexpr struct {
+    unsigned long type;
+    const char *effect;
+} remote_systems[] = {
+    {FUSE_SUPER_MAGIC, "FUSE: files opened behind the mount are not seen, renames may give EXDEV"},
+    {NFS_SUPER_MAGIC, "NFS: files opened elsewhere are not seen, the server may refuse the user"},
+    {CIFS_SUPER_MAGIC, "SMB: files opened elsewhere are not seen, a marker is a regular file"},
+    {SMB2_SUPER_MAGIC, "SMB: files opened elsewhere are not seen, a marker is a regular file"},
 };
 
-bool is_absolute(const std::string &path) {
-    return !path.empty() && path[0] == '/';
+void report_refused(const char *entry, const directory_facts &directory, const char *what,
+                    int code) {
+    static bool was_said = false;
+    if (!is_ordinary_user() || (code != EACCES && code != EPERM))
+        report(error, entry, "cannot %s %s, %s", what, directory.name.c_str(), strerror(code));
+    else if (!std::exchange(was_said, true))
+        report(error, nullptr,
+               "User %u may not %s '%s' or others: run this as root or as the service's user",
+               geteuid(), what, directory.configured.c_str());
 }
 
-// A path that may come with the main storage, which is not there at present.
-bool is_awaited(const std::string &path) {
-    return main_path.empty() && path.compare(0, strlen(main_storage), main_storage) == 0;
-}
-
-void find_unwritable(const std::string &about, const role &directory, findings &list) {
-    if (directory.facts.rename_error != 0)
-        add_error(list, about + "cannot rename in " + directory.name + ", " +
-                            strerror(directory.facts.rename_error));
+void find_unwritable(const char *entry, const directory_facts &directory) {
+    const int code = directory.rename_error;
+    if (code == EOVERFLOW)
+        report(warning, entry,
+               "user %u is not mapped by the id-mapped mount of %s: if the service is that user, "
+               "nothing is delivered, %s",
+               geteuid(), directory.name.c_str(), strerror(code));
+    else if (code != 0)
+        report_refused(entry, directory, "rename in", code);
 }
 
 // Will the service open the directory and take it? Reports why not.
-bool find_unusable(const std::string &about, const role &directory, const std::string &path,
-                   findings &list) {
-    if (!is_absolute(path))
-        add_warning(list, about + directory.name + " depends on the working directory");
-    if (const int error = directory.facts.open_error; error != 0) {
-        if (!is_awaited(path))
-            add_error(list, about + "cannot open " + directory.name + ", " + strerror(error));
+bool find_unusable(const char *entry, const directory_facts &directory) {
+    const char *name = directory.name.c_str();
+    if (directory.configured[0] != '/') {
+        report(error, entry, "%s must be absolute: begin it with '/'", name);
         return false;
     }
-    if (!main_path.empty() && !is_under_main_path(directory.facts.path)) {
-        add_error(list, about + directory.name + " is " + in_quotes(directory.facts.path) +
-                            ", not below the main storage " + in_quotes(main_path));
+    if (directory.open_error != 0) {
+        // A path may come with the main storage, which is not there at present.
+        if (!main_path.empty() ||
+            directory.configured.compare(0, strlen(main_storage), main_storage) != 0)
+            report_refused(entry, directory, "open", directory.open_error);
         return false;
     }
-    find_unwritable(about, directory, list);
+    if (!main_path.empty() && !is_under_main_path(directory.path)) {
+        report(error, entry, "%s is '%s', not below the main storage '%s'", name,
+               directory.path.c_str(), main_path.c_str());
+        return false;
+    }
+    find_unwritable(entry, directory);
+    for (const auto &[type, effect] : remote_systems)
+        if (directory.type == type)
+            report(warning, entry, "%s is on %s", name, effect);
     return true;
 }
 
-void find_apart(const std::string &about, const role &from, const role &to, const char *effect,
-                findings &list) {
-    const bool two_systems = from.facts.device != to.facts.device;
-    if (two_systems || from.facts.mount != to.facts.mount)
-        add_error(list, about + from.name + " and " + to.name + " are on two " +
-                            (two_systems ? "file systems" : "mounts") + ", " + effect + ", " +
-                            strerror(EXDEV));
+void find_apart(const char *entry, const directory_facts &from, const directory_facts &to,
+                const char *effect) {
+    if (from.device != to.device || from.mount != to.mount)
+        report(error, entry, "%s and %s are on two file systems or mounts, %s, %s",
+               from.name.c_str(), to.name.c_str(), effect, strerror(EXDEV));
 }
 
-void find_own_folder(const std::string &about, const WatchEntry &entry, const entry_facts &facts,
-                     findings &list) {
-    if (is_same_directory(facts.watch, facts.target) && entry.matches(facts.target_name))
-        add_error(list, about + "the watch folder is that of the target " +
-                            in_quotes(facts.target_name) +
-                            ", which a pattern matches: each check would archive it");
-    if (is_same_directory(facts.watch, facts.archive))
-        add_error(list, about + "the watch folder is the target's ARCHIVE directory, what is "
-                                "archived there would be delivered again");
-}
-
-void find_bad_name(const std::string &about, const entry_facts &facts, findings &list) {
-    const std::string &name = facts.target_name;
-    const size_t longest = facts.target.longest_name;
+void find_bad_name(const char *entry, const std::string &name) {
     const std::string archived = name + archive_suffix({}, long_uptime_us);
-    if (name == archive_name)
-        add_error(list, about + "the target file has the name of the ARCHIVE directory");
-    else if (name.size() > longest)
-        add_error(list, about + "the target's name is too long, " + strerror(ENAMETOOLONG));
-    else if (archived.size() > longest)
-        add_warning(list, about + "the target's name leaves no room for an archive suffix of " +
-                              std::to_string(archived.size() - name.size()) + " bytes, " +
-                              strerror(ENAMETOOLONG));
-    else if (file_to_metadir(archived).empty())
-        add_warning(list, about + "the target's name with an archive suffix leaves no room for a "
-                                  "metadata directory");
-}
-
-void find_odd_target(const std::string &about, const entry_facts &facts, findings &list) {
-    const mode_t mode = facts.target_mode;
-    if (mode != 0 && !S_ISREG(mode) && facts.target_name != archive_name)
-        add_warning(list, about + "the target is " +
-                              (S_ISDIR(mode)   ? "a directory"
-                               : S_ISLNK(mode) ? "a symbolic link"
-                                               : "no regular file") +
-                              ", the first delivery would archive it");
+    if (name == "ARCHIVE" || is_metadata_dir_name(name))
+        report(error, entry, "the target '%s' has the name of %s, which a delivery would move away",
+               name.c_str(), name == "ARCHIVE" ? "the ARCHIVE directory" : "a metadata directory");
+    const char *effect =
+        name.size() > NAME_MAX              ? "it is never delivered"
+        : file_to_metadir(name).empty()     ? "from 247 on it is delivered once and never replaced"
+        : archived.size() > NAME_MAX        ? "without a recorded name it is never replaced"
+        : file_to_metadir(archived).empty() ? "in ARCHIVE it may be without its metadata"
+                                            : nullptr;
+    if (effect != nullptr)
+        report(file_to_metadir(name).empty() ? error : warning, entry,
+               "the target's name has %zu bytes, %s", name.size(), effect);
 }
 
 // What one entry puts down, another may take up as if somebody had dropped it there.
-void find_chain(const known_entry &taker, const known_entry &giver, findings &list) {
-    const std::string about = about_entry(taker.entry->name);
-    if (is_same_directory(taker.facts.watch, giver.facts.target) &&
-        taker.entry->matches(giver.facts.target_name))
-        add_warning(list, about + "takes the target of entry " + in_quotes(giver.entry->name) +
-                              " for a new file, its pattern matches");
-    if (is_same_directory(taker.facts.watch, giver.facts.archive))
-        add_warning(list, about + "takes what entry " + in_quotes(giver.entry->name) +
-                              " archives for new files");
+void find_chain(const known_entry &taker, const known_entry &giver) {
+    const severity level = &taker == &giver ? error : warning;
+    const char *name = taker.entry->name.c_str();
+    const char *from = giver.entry->name.c_str();
+    if (is_same_directory(taker.watch, giver.target) && taker.entry->matches(giver.target_name))
+        report(level, name, "takes the target '%s' of entry '%s' for a new file, a pattern matches",
+               giver.target_name.c_str(), from);
+    if (is_same_directory(taker.watch, giver.archive))
+        report(level, name, "takes what entry '%s' archives for new files", from);
 }
 
 } // namespace
 
-findings entry_findings(const WatchEntry &entry, const entry_facts &facts) {
-    findings list;
-    const std::string about = about_entry(entry.name);
-    const role watch{"watch path " + in_quotes(entry.watch_path), facts.watch};
-    const role target{"target directory " + in_quotes(facts.target_directory), facts.target};
-    const role archive{"ARCHIVE directory " + in_quotes(facts.target_directory + "/ARCHIVE"),
-                       facts.archive};
-    const bool watch_usable = find_unusable(about, watch, entry.watch_path, list);
-    if (facts.target_name.empty()) {
-        add_error(list,
-                  about + "target file " + in_quotes(entry.target_file) + " has no file name");
-        return list;
+directory_facts collect_directory_facts(const char *what, const std::string &path) {
+    directory_facts facts;
+    facts.configured = path;
+    facts.name = what + (" '" + path + "'");
+    const unique_fd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct statx status {};
+    struct statfs system {};
+    if (!fd || fstatfs(fd.get(), &system) != 0 ||
+        statx(fd.get(), "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_MNT_ID, &status) != 0) {
+        facts.open_error = errno;
+        return facts;
     }
-    if (!find_unusable(about, target, facts.target_directory, list))
-        return list;
-    if (facts.archive.open_error == 0) {
-        find_unwritable(about, archive, list);
-        find_apart(about, target, archive, "the target cannot be archived", list);
-    } else if (facts.archive.open_error != ENOENT) {
-        add_error(list, about + "cannot open " + archive.name + ", " +
-                            strerror(facts.archive.open_error));
-    }
-    if (watch_usable)
-        find_apart(about, watch, target, "the target would be archived and not replaced", list);
-    find_own_folder(about, entry, facts, list);
-    find_bad_name(about, facts, list);
-    find_odd_target(about, facts, list);
-    return list;
+    facts.open_error = 0;
+    facts.path = procfs_fd_realpath(fd.get());
+    facts.device = makedev(status.stx_dev_major, status.stx_dev_minor);
+    facts.inode = status.stx_ino;
+    facts.mount = (status.stx_mask & STATX_MNT_ID) != 0 ? status.stx_mnt_id : 0;
+    facts.type = static_cast<uint32_t>(system.f_type);
+    facts.rename_error = rename_error_of(fd.get(), status);
+    return facts;
 }
 
-findings pair_findings(const known_entry &earlier, const known_entry &later) {
-    findings list;
+known_entry collect_facts(const WatchEntry &entry) {
+    known_entry known{&entry, collect_directory_facts("watch path", entry.watch_path), {}, {}, "",
+                      0};
+    ItemContext target;
+    if (!target.set_file_location(entry.target_file))
+        return known;
+    known.target_name = target.file_name();
+    const std::string directory = target.dir_path();
+    known.target = collect_directory_facts("target directory", directory);
+    known.archive = collect_directory_facts("ARCHIVE directory", directory + "/ARCHIVE");
+    struct stat status {};
+    if (known.archive.open_error == ENOENT && lstat((directory + "/ARCHIVE").c_str(), &status) == 0)
+        known.archive.open_error = ENOTDIR; // a link to nothing, which the service cannot make anew
+    if (lstat((directory + "/" + known.target_name).c_str(), &status) == 0)
+        known.target_mode = status.st_mode;
+    return known;
+}
+
+void judge_entry(const known_entry &known) {
+    const char *entry = known.entry->name.c_str();
+    const bool watch_usable = find_unusable(entry, known.watch);
+    if (known.target_name.empty()) {
+        report(error, entry, "target file '%s' has no file name", known.entry->target_file.c_str());
+        return;
+    }
+    if (!find_unusable(entry, known.target))
+        return;
+    if (known.archive.open_error == 0) {
+        find_unwritable(entry, known.archive);
+        find_apart(entry, known.target, known.archive, "the target cannot be archived");
+    } else if (known.archive.open_error != ENOENT) {
+        report_refused(entry, known.archive, "open", known.archive.open_error);
+    }
+    if (watch_usable)
+        find_apart(entry, known.watch, known.target,
+                   "the target would be archived and not replaced");
+    find_chain(known, known);
+    find_bad_name(entry, known.target_name);
+    if (known.target_mode != 0 && !S_ISREG(known.target_mode) && known.target_name != "ARCHIVE")
+        report(warning, entry,
+               "the target is no regular file, the first delivery would archive it");
+}
+
+void judge_pair(const known_entry &earlier, const known_entry &later) {
     const WatchEntry &entry = *later.entry;
-    const std::string about = about_entry(entry.name);
-    const std::string shared = " is that of entry " + in_quotes(earlier.entry->name) + " too";
-    const bool same_text = entry.target_file == earlier.entry->target_file;
-    const bool same_place = is_same_directory(later.facts.target, earlier.facts.target) &&
-                            later.facts.target_name == earlier.facts.target_name;
-    if (same_text || same_place)
-        add_warning(list, about + "target file " + in_quotes(entry.target_file) + shared);
+    const char *name = entry.name.c_str();
+    const char *other = earlier.entry->name.c_str();
+    const bool same_place =
+        is_same_directory(later.target, earlier.target) && later.target_name == earlier.target_name;
+    if (same_place || entry.target_file == earlier.entry->target_file)
+        report(warning, name, "target file '%s' is that of entry '%s' too",
+               entry.target_file.c_str(), other);
     if (entry.watch_path == earlier.entry->watch_path ||
-        is_same_directory(later.facts.watch, earlier.facts.watch))
-        add_warning(list, about + "watch path " + in_quotes(entry.watch_path) + shared);
-    find_chain(later, earlier, list);
-    find_chain(earlier, later, list);
-    return list;
+        is_same_directory(later.watch, earlier.watch))
+        report(warning, name, "watch path '%s' is that of entry '%s' too", entry.watch_path.c_str(),
+               other);
+    find_chain(later, earlier);
+    find_chain(earlier, later);
 }

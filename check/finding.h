@@ -1,36 +1,19 @@
-// One problem that the check found in a configuration.
+// The one way to report what the check found.
+//
+// Prints: "Error: " or "Warning: ", "Entry '%s': " where it concerns one entry, and the text.
 #ifndef CHECK_FINDING_H
 #define CHECK_FINDING_H
 
-#include <string>
-#include <utility>
-#include <vector>
+#include <cstddef>
 
 // An error keeps the entry from working. A warning is something that its owner may not expect.
-enum class severity { error, warning };
+enum severity { error, warning };
 
-struct finding {
-    severity level;
-    std::string text; // one line, without what begins and ends it
-};
+// How many of each were reported. The start of a check sets them to 0.
+extern size_t finding_count[2];
 
-using findings = std::vector<finding>;
-
-inline void add_error(findings &list, std::string text) {
-    list.push_back({severity::error, std::move(text)});
-}
-
-inline void add_warning(findings &list, std::string text) {
-    list.push_back({severity::warning, std::move(text)});
-}
-
-inline std::string in_quotes(const std::string &text) {
-    return "'" + text + "'";
-}
-
-// What the lines about one entry begin with.
-inline std::string about_entry(const std::string &name) {
-    return "Entry " + in_quotes(name) + ": ";
-}
+// The entry is a name or null. The text is one line; its format has no newline.
+void report(severity level, const char *entry, const char *format, ...)
+    __attribute__((format(printf, 3, 4)));
 
 #endif

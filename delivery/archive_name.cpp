@@ -17,7 +17,13 @@ std::string archive_suffix(const tm &local_time, uint64_t clock_us) {
     return text;
 }
 
-bool is_archive_name_taken(int archive_fd, const std::string &name) {
+archive_base choose_archive_base(int archive_fd, const std::string &target_name,
+                                 const std::string &original_name) {
+    if (original_name.empty())
+        return {target_name, true};
     struct stat status {};
-    return fstatat(archive_fd, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
+    const bool is_taken = archive_fd >= 0 && (fstatat(archive_fd, original_name.c_str(), &status,
+                                                      AT_SYMLINK_NOFOLLOW) == 0 ||
+                                              errno != ENOENT);
+    return {original_name, is_taken};
 }

@@ -26,21 +26,13 @@ bool is_location_complete(const ItemContext &target) {
     return is_set(target.dir_path()) && is_set(target.file_name()) && target.dir_fd() >= 0;
 }
 
-// Is the item in place or the new file in use? Asked once, before anything is touched.
-bool is_refused(const char *name, const ItemContext &target, const WatchEntry &entry) {
-    if (is_item_running(target)) {
+void print_refusal(refusal reason, const char *name, const WatchEntry &entry) {
+    if (reason == refusal::running)
         diag("File '%s' is running, not acting\n", entry.target_file.c_str());
-        return true;
-    }
-    if (is_path_in_use(entry.target_file)) {
+    else if (reason == refusal::target_in_use)
         diag("File '%s' is in use, not acting\n", entry.target_file.c_str());
-        return true;
-    }
-    if (is_path_in_use(entry.watch_path + "/" + name)) {
+    else
         diag("File source '%s/%s' is in use, not acting\n", entry.watch_path.c_str(), name);
-        return true;
-    }
-    return false;
 }
 
 unique_fd open_archive(int target_fd) {
@@ -98,21 +90,14 @@ std::optional<tm> capture_time() {
     return local == nullptr ? std::nullopt : std::optional<tm>(*local);
 }
 
-// The recorded original name when it is free in the archive; otherwise that name, or the target's
-// own, with a suffix.
 std::string choose_archive_name(int archive_fd, const ItemContext &target) {
-    std::string archive_name = target.file_name();
     const std::optional<tm> captured = capture_time();
     ItemMetadata list;
-    const std::string original_name = read_original_name(target, list);
-    bool needs_suffix = true;
-    if (!original_name.empty()) {
-        archive_name = original_name;
-        needs_suffix = is_archive_name_taken(archive_fd, archive_name);
-    }
-    if (needs_suffix && captured)
-        archive_name += archive_suffix(*captured, monotonic_clock_us());
-    return archive_name;
+    const archive_base base =
+        choose_archive_base(archive_fd, target.file_name(), read_original_name(target, list));
+    return base.needs_suffix && captured
+               ? base.name + archive_suffix(*captured, monotonic_clock_us())
+               : base.name;
 }
 
 // Moves the item in place into the archive. False when something that was there could not be moved.
@@ -147,11 +132,23 @@ bool move_new_item(const item_place &arriving, const item_place &in_place) {
 
 } // namespace
 
+refusal why_refused(const char *name, const ItemContext &target, const WatchEntry &entry) {
+    if (is_item_running(target))
+        return refusal::running;
+    if (is_path_in_use(entry.target_file))
+        return refusal::target_in_use;
+    return is_path_in_use(entry.watch_path + "/" + name) ? refusal::source_in_use : refusal::none;
+}
+
 void deliver_file(DIR *watch_dir, const char *name, ItemContext &target, const WatchEntry &entry) {
     target.open_the_file();
     target.open_metadata_dir();
-    if (!is_location_complete(target) || is_refused(name, target, entry))
+    if (!is_location_complete(target))
         return;
+    if (const refusal reason = why_refused(name, target, entry); reason != refusal::none) {
+        print_refusal(reason, name, entry);
+        return;
+    }
     diag("Checking found file '%s' to replace '%s'\n", name, entry.target_file.c_str());
     // All names first: should memory run out, it does so before anything has moved.
     const item_place in_place = place_of(target.dir_fd(), target.file_name());

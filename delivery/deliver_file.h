@@ -7,6 +7,13 @@
 
 #include <dirent.h>
 
+// Why a file waits.
+enum class refusal { none, running, target_in_use, source_in_use };
+
+// Is the item in place running, or it or the file `name` of the watch folder in use? Needs the
+// target's metadata directory, opened where there is one. Changes nothing.
+refusal why_refused(const char *name, const ItemContext &target, const WatchEntry &entry);
+
 // Delivers the file `name` of the opened watch folder to the target, whose location is set and
 // whose directory is open. Borrows all four; the target's handles may be closed afterwards. Every
 // move is a rename within the opened directories. A file that is refused, or whose predecessor

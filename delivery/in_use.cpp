@@ -18,21 +18,26 @@ bool is_served_socket(const char *path) {
 
 } // namespace
 
-bool is_item_running(const ItemContext &item) {
+std::optional<std::string> read_marker(const ItemContext &item) {
     struct stat status {};
     if (item.metadir_fd() < 0 ||
         fstatat(item.metadir_fd(), marker, &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return false;
+        return std::nullopt;
     if (S_ISREG(status.st_mode))
-        return true;
+        return "";
     if (!S_ISLNK(status.st_mode))
-        return false;
+        return std::nullopt;
     char link[512];
     const ssize_t length = readlinkat(item.metadir_fd(), marker, link, sizeof(link) - 1);
     if (length <= 0)
-        return false;
+        return std::nullopt;
     link[length] = '\0';
-    return is_served_socket(link);
+    return link;
+}
+
+bool is_item_running(const ItemContext &item) {
+    const std::optional<std::string> link = read_marker(item);
+    return link && (link->empty() || is_served_socket(link->c_str()));
 }
 
 bool is_path_in_use(const std::string &path) {

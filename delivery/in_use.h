@@ -4,7 +4,12 @@
 
 #include "delivery/item_context.h"
 
+#include <optional>
 #include <string>
+
+// What the active-socket marker in the opened metadata directory leads to: the text of a symbolic
+// link, "" for a regular file; nothing where there is no such marker, or none that counts.
+std::optional<std::string> read_marker(const ItemContext &item);
 
 // Does the metadata directory, opened beforehand, hold an active-socket marker: a regular file, or
 // a symbolic link to a socket that a living process serves? A marker that cannot be examined counts

@@ -42,16 +42,21 @@ void store_name(const ItemContext &target, const char *name) {
 
 } // namespace
 
+std::string original_name_in(const ItemMetadata &list, bool &has_slash) {
+    const metadata_v4_metadata_entry *entry = list.entry_at(find_original_name(list));
+    const std::string name = entry == nullptr ? "" : entry->value;
+    has_slash = name.find('/') != std::string::npos;
+    return has_slash ? "" : name;
+}
+
 std::string read_original_name(const ItemContext &target, ItemMetadata &list) {
     if (!list.load_from_file(target, false))
         diag("Target meta load fail from old file\n");
     print_entries(list);
-    const metadata_v4_metadata_entry *entry = list.entry_at(find_original_name(list));
-    std::string name = entry == nullptr ? "" : entry->value;
-    if (name.find('/') != std::string::npos) {
+    bool has_slash = false;
+    const std::string name = original_name_in(list, has_slash);
+    if (has_slash)
         diag("Forward slash in original name, rejecting.\n");
-        name.clear();
-    }
     diag("Original filename: '%s'\n", name.c_str());
     return name;
 }

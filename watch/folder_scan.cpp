@@ -11,13 +11,32 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-namespace {
-
 void locate_target(ItemContext &target, const WatchEntry &entry) {
     target.set_file_location(entry.target_file);
     if (target.dir_fd() < 0 && target.dir_path() != nullptr)
         target.open_directory();
 }
+
+const char *why_not_scanned(const std::string &watch_realpath, const std::string &target_realpath) {
+    if (watch_realpath.empty() || target_realpath.empty())
+        return "Not possible to check";
+    const bool are_below =
+        is_under_main_path(watch_realpath) && is_under_main_path(target_realpath);
+    return are_below ? nullptr : "Path(s) do not validate";
+}
+
+const char *next_candidate(DIR *watch_dir, const WatchEntry &entry) {
+    struct stat status {};
+    while (const dirent *item = readdir(watch_dir)) {
+        const char *name = item->d_name;
+        if (name[0] != '.' && fstatat(dirfd(watch_dir), name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(status.st_mode) && entry.matches(name))
+            return name;
+    }
+    return nullptr;
+}
+
+namespace {
 
 // The paths of the opened directories, not a second resolution of the configured texts: what is
 // validated here is what is read and written later.
@@ -26,30 +45,15 @@ bool directories_validate(DIR *watch_dir, const ItemContext &target) {
     const std::string watch_realpath = procfs_fd_realpath(dirfd(watch_dir));
     diag("watch realpath: %s\n", watch_realpath.c_str());
     diag("target realpath: %s\n", target_realpath.c_str());
-    if (watch_realpath.empty() || target_realpath.empty()) {
-        diag("Not possible to check\n");
-        return false;
-    }
-    if (!is_under_main_path(watch_realpath) || !is_under_main_path(target_realpath)) {
-        diag("Path(s) do not validate\n");
-        return false;
-    }
-    return true;
-}
-
-bool is_candidate(int watch_fd, const char *name, const WatchEntry &entry) {
-    struct stat status {};
-    return name[0] != '.' && fstatat(watch_fd, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-           S_ISREG(status.st_mode) && entry.matches(name);
+    const char *reason = why_not_scanned(watch_realpath, target_realpath);
+    if (reason != nullptr)
+        diag("%s\n", reason);
+    return reason == nullptr;
 }
 
 void deliver_first_candidate(DIR *watch_dir, ItemContext &target, const WatchEntry &entry) {
-    while (const dirent *item = readdir(watch_dir)) {
-        if (is_candidate(dirfd(watch_dir), item->d_name, entry)) {
-            deliver_file(watch_dir, item->d_name, target, entry);
-            return;
-        }
-    }
+    if (const char *name = next_candidate(watch_dir, entry))
+        deliver_file(watch_dir, name, target, entry);
 }
 
 } // namespace
