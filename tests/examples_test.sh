@@ -7,8 +7,7 @@ trap 'rm -rf "$work"' EXIT
 archive=$work/ARCHIVE
 mkdir "$archive" "$work/elsewhere" "$archive/.orphan.metadir" "$archive/folder"
 for name in 'a b.mxf' -rf $'two\nlines' '*' .hidden; do
-  mkdir "$archive/.$name.metadir"
-  touch "$archive/$name" "$archive/.$name.metadir/metadata"
+  mkdir "$archive/.$name.metadir" && touch "$archive/$name" "$archive/.$name.metadir/metadata"
 done
 touch "$archive/linked" "$work/elsewhere/kept" && ln -s ../elsewhere "$archive/.linked.metadir"
 ln -s ../elsewhere/kept "$archive/link"
