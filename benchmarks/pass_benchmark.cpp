@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <initializer_list>
 #include <sys/stat.h>
+#include <utility>
 
 namespace {
 
@@ -27,7 +28,7 @@ struct idle_folders : work_folder {
             fs::create_directories(entry.watch_path);
             for (int64_t k = 0; k < files; ++k)
                 write_text(fs::path(entry.watch_path) / (std::to_string(k) + ".txt"), "");
-            configuration[entry.name] = entry;
+            configuration.emplace(entry.name, std::move(entry));
         }
     }
 };

@@ -1,4 +1,4 @@
-# Reads lines "DESCRIPTORS NAME MICROSECONDS" and prints a table of ratios.
+# Reads lines "DESCRIPTORS NAME MICROSECONDS" and prints a table of ratios. Status 1 when one is missing.
 function with_commas(x,   text) {
   for (text = sprintf("%.0f", x); match(text, /[0-9][0-9][0-9][0-9](,|$)/);)
     text = substr(text, 1, RSTART) "," substr(text, RSTART + 1)
@@ -18,7 +18,8 @@ function value(load, name) {
 }
 function row(text, load, name, other_load, other, bound,   a, b) {
   a = value(load, name); b = value(other_load, other)
-  printf("| %s | %s | %s | %s | %s |\n", text, time(a), time(b), a * b > 0 ? ratio(a / b) : "-", bound)
+  if (a * b == 0) { print "No figure for: " text; missing = 1; return }
+  printf("| %s | %s | %s | %s | %s |\n", text, time(a), time(b), ratio(a / b), bound)
 }
 { us[$1, $2] = $3 }
 END {
@@ -41,4 +42,5 @@ END {
   row("delivery, 20,000 descriptors : without load", 20000, "delivery_service/1", 0, "delivery_service/1", "1.3")
   row("delivery : shell script, without load", 0, "delivery_service/1", 0, "shell")
   row("delivery : shell script, 20,000 descriptors", 20000, "delivery_service/1", 20000, "shell", "1/1,000")
+  exit missing
 }

@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 . scripts/lib.sh
 
 folder=$(realpath -m "${1:-build-bench/pictures}")
-repetitions=${REPETITIONS:-5}
+repetitions=${REPETITIONS:-5} # two at least: one has no median
 if [ "$(id -u)" -ne 0 ]; then
   echo "Run this as root: it mounts a file system in memory, and fuser sees nothing otherwise."
   exit 1
