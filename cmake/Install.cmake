@@ -1,6 +1,5 @@
-# What is installed beside the programs: the unit, the manual, what operators read, the
-# completion, the examples. Nothing
-# goes to /etc: without a configuration the service says so and ends.
+# What is installed beside the programs: the unit, the manual, the completion, the operator's document and
+# the examples. Nothing goes to /etc: without a configuration the service says so and ends.
 
 set(VEL4_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING
     "Where the systemd unit goes; relative to the installation prefix, or absolute")
