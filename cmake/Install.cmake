@@ -1,5 +1,5 @@
-# What is installed beside the programs: the unit, the manual, the completion, the examples. Nothing
-# goes to /etc: without a configuration the service says so and ends.
+# What is installed beside the programs: the unit, the manual, the completion, the operator's document and
+# the examples. Nothing goes to /etc: without a configuration the service says so and ends.
 
 set(VEL4_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING
     "Where the systemd unit goes; relative to the installation prefix, or absolute")
@@ -11,7 +11,10 @@ install(FILES ${PROJECT_BINARY_DIR}/vel4_watch_folder_service.service
 install(FILES man/vel4_watch_folder_service.8 man/vel4_watch_folder_check.8
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES man/vel4_watch_folder.toml.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
-install(FILES examples/vel4_watch_folder.toml ${PROJECT_BINARY_DIR}/directory-mode.conf
+install(FILES docs/operating.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES examples/vel4_watch_folder.toml examples/log-filter.awk examples/thin-archive
+        examples/thin-archive.service examples/thin-archive.timer
+        ${PROJECT_BINARY_DIR}/directory-mode.conf
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 # The completion is found by the name of the command that is completed.

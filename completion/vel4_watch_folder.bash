@@ -14,7 +14,9 @@ _vel4_watch_folder()
     $split && return
 
     if [[ $cur == -* ]]; then
-        COMPREPLY=($(compgen -W '-? -h --help -d --directory' -- "$cur"))
+        local options='-? -h --help -d --directory'
+        [[ $1 == *vel4_watch_folder_check ]] && options+=' -l --load -n --dry-run'
+        COMPREPLY=($(compgen -W "$options" -- "$cur"))
     elif [[ $1 == *vel4_watch_folder_check ]]; then
         _filedir toml
     fi

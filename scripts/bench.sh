@@ -1,19 +1,19 @@
 #!/usr/bin/env bash
 # Measures the service against what the kernel needs and against fuser, in one run, and prints a table of
-# ratios. With an argument, a folder, the curves are drawn there as SVG pictures. All figures are CPU
-# time, medians of several repetitions; the work is done in memory, in a mount namespace of its own.
+# ratios. The figures and the pictures go to a folder, which may be given. All figures are CPU time,
+# medians of several repetitions; the work is done in memory, in a mount namespace of its own.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib.sh
 
-curves=$(realpath -m "${1:-build-bench/curves}")
-repetitions=${REPETITIONS:-5}
+folder=$(realpath -m "${1:-build-bench/pictures}")
+repetitions=${REPETITIONS:-5} # two at least: one has no median
 if [ "$(id -u)" -ne 0 ]; then
   echo "Run this as root: it mounts a file system in memory, and fuser sees nothing otherwise."
   exit 1
 fi
 if [ "${BENCH_NAMESPACE:-}" != own ]; then
-  install_packages "${build_packages[@]}" libbenchmark-dev psmisc strace
+  install_packages "${build_packages[@]}" libbenchmark-dev psmisc gnuplot-nox
   echo "Building"
   build_in build-bench -DCMAKE_BUILD_TYPE=Release -DVEL4_BENCHMARKS=ON -DBUILD_TESTING=OFF
   BENCH_NAMESPACE=own exec unshare --mount --propagation private "$0" "$@"
@@ -91,8 +91,6 @@ echo
 uname -srm
 grep -m 1 'model name' /proc/cpuinfo || true
 awk -f scripts/bench-table.awk "$results/all"
-mkdir -p "$curves"
-for curve in in-use pass-entries pass-files delivery; do
-  awk -v curve="$curve" -f scripts/bench-curves.awk "$results/all" >"$curves/$curve.svg"
-done
-cp "$results/all" "$curves/figures.txt"
+mkdir -p "$folder"
+cp "$results/all" "$folder/figures.txt"
+gnuplot -c scripts/bench.gnuplot "$folder"
