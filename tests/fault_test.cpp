@@ -23,6 +23,8 @@ const std::string new_metadata = "title=evening\n\nno value\n", taken = "archive
 const std::string recorded = "original filename=clip.mxf\n";
 const std::string in_place = "target/news.mxf", arriving = "watch/clip.mxf";
 
+const std::string no_tree;
+
 enum class source { entry, reload, rescan, service, service_on_tree };
 enum class use { none, own, other, running };
 
@@ -83,7 +85,7 @@ void live(const std::string &tree) {
 
 void pass(const delivery &kind) {
     if (kind.from >= source::service)
-        return live(kind.from == source::service ? "" : redirected_root);
+        return live(kind.from == source::service ? no_tree : redirected_root);
     if (kind.from == source::reload) {
         configuration.clear();
         static_cast<void>(try_load_configuration());
@@ -239,7 +241,7 @@ template<typename Run> int status_of(Run run) {
     fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
-        run();
+        [&]() noexcept { run(); }(); // an exception ends the process, as it would the service
         fflush(nullptr);
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
