@@ -373,60 +373,60 @@ constexpr delivery first_delivery = {false, false, false, source::entry, use::no
 constexpr delivery replacement = {true, true, false, source::entry, use::none};
 
 TEST(Faults, FirstDelivery) {
-    run_all(first_delivery, false, 1);
+    run_all(first_delivery, false, 150);
 }
 
 TEST(Faults, Replacement) {
-    run_all(replacement, false, 1);
+    run_all(replacement, false, 200);
 }
 
 TEST(Faults, ReplacementWithoutMetadata) {
-    run_all({true, false, false, source::entry, use::none}, false, 1);
+    run_all({true, false, false, source::entry, use::none}, false, 150);
 }
 
 TEST(Faults, ArchiveNameIsTaken) {
-    run_all({true, true, true, source::entry, use::none}, false, 1);
+    run_all({true, true, true, source::entry, use::none}, false, 200);
 }
 
 // What stands at the marker's place cannot be told: the item does not count as running.
 TEST(Faults, RunningItem) {
-    run_all({true, true, false, source::entry, use::running}, false, 1, 20);
+    run_all({true, true, false, source::entry, use::running}, false, 200, 20);
 }
 
 TEST(Faults, WalkOwnFile) {
-    run_all({false, false, false, source::entry, use::own}, false, 1);
+    run_all({false, false, false, source::entry, use::own}, false, 200);
 }
 
 TEST(Faults, WalkFileOfAnotherProcess) {
-    run_all({false, false, false, source::entry, use::other}, false, 1, 1000);
+    run_all({false, false, false, source::entry, use::other}, false, 200, 1000);
 }
 
 TEST(Faults, Reload) {
-    run_all({false, true, false, source::reload, use::none}, false, 1);
+    run_all({false, true, false, source::reload, use::none}, false, 150);
 }
 
 TEST(Faults, Rescan) {
-    run_all({false, true, false, source::rescan, use::none}, false, 1);
+    run_all({false, true, false, source::rescan, use::none}, false, 150);
 }
 
 TEST(Faults, StartReloadStop) {
-    run_all({false, true, false, source::service, use::none}, false, 1);
+    run_all({false, true, false, source::service, use::none}, false, 220);
 }
 
 TEST(Faults, StartOnTree) {
-    run_all({false, true, false, source::service_on_tree, use::none}, false, 1);
+    run_all({false, true, false, source::service_on_tree, use::none}, false, 200);
 }
 
 TEST(Kills, FirstDelivery) {
-    run_all(first_delivery, true, 1);
+    run_all(first_delivery, true, 55);
 }
 
 TEST(Kills, Replacement) {
-    run_all(replacement, true, 1);
+    run_all(replacement, true, 65);
 }
 
 TEST(Kills, StartReloadStop) {
-    run_all({true, true, false, source::service, use::none}, true, 1);
+    run_all({true, true, false, source::service, use::none}, true, 95);
 }
 
 } // namespace
