@@ -23,7 +23,7 @@ const planted_kind kinds[] = {
     {"LinkToFile", [](auto &at, auto &canary) { fs::create_symlink(canary / "metadata", at); }},
     {"LinkToFolder", [](auto &at, auto &canary) { fs::create_symlink(canary, at); }},
     {"LinkToNothing", [](auto &at, auto &canary) { fs::create_symlink(canary / "new", at); }},
-    {"LinkToItself", [](auto &at, auto &) { fs::create_symlink(at, at); }},
+    {"LinkToItself", [](auto &at, auto &) { fs::create_symlink(at.filename(), at); }},
     {"HardLink", [](auto &at, auto &canary) { fs::create_hard_link(canary / "metadata", at); }},
     {"Fifo", [](auto &at, auto &) { mkfifo(at.c_str(), 0666); }},
     {"Socket", [](auto &at, auto &) { mknod(at.c_str(), S_IFSOCK | 0666, 0); }},
@@ -106,7 +106,7 @@ TEST_P(Planted, IsNeitherFollowedNorWaitedFor) {
         check_watch_entries();
     alarm(0);
     const std::string left = tree_of(tree / "main");
-    EXPECT_EQ(tree.canary(), before);
+    EXPECT_TRUE(tree.canary() == before);
     EXPECT_TRUE(left.find("=canary") == std::string::npos || strcmp(kind.name, "HardLink") == 0);
     EXPECT_NE(left.find("=media\n"), std::string::npos) << left;
     EXPECT_TRUE(at.filename() == "t" || left.find("=old media\n") != std::string::npos) << left;
@@ -159,7 +159,7 @@ TEST(PlantedSwaps, LeaveTheCanaryUnchanged) {
     EXPECT_GT(passes, seen + 1) << "the process ended or waits";
     kill(service, SIGKILL);
     waitpid(service, nullptr, 0);
-    EXPECT_EQ(tree.canary(), before);
+    EXPECT_TRUE(tree.canary() == before);
     std::cout << passes << " passes under " << swaps << " swaps\n";
 }
 
