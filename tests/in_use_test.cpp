@@ -1,77 +1,169 @@
+// Is a file in use, does anybody serve a socket? Other processes hold files in every way there is.
 #include "platform/include/procfs.h"
+#include "tests/private_mounts.h"
+#include "tests/rows.h"
 #include "tests/support.h"
 
-#include <gtest/gtest.h>
-
 #include <future>
-#include <sys/mount.h>
-#include <sys/prctl.h>
+#include <optional>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <thread>
 
 namespace {
 
-void hold_mapped(const char *file) {
+std::optional<child_process> short_holder;
+int lease_waits;
+
+} // namespace
+
+// Between two tries to take a lease.
+extern "C" int nanosleep(const timespec * /*duration*/, timespec * /*left*/) {
+    ++lease_waits;
+    short_holder.reset();
+    return 0;
+}
+
+namespace {
+
+using answer = std::pair<int, pid_t>;
+
+answer ask(const std::string &file, unsigned int flags = 0) {
+    procfs_path_in_use_info info{-1};
+    const int result = procfs_path_in_use(file.c_str(), &info, 1, flags);
+    return {result, info.pid};
+}
+
+void map_and_close(const char *file) {
     (void)mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, unique_fd(open(file, O_RDONLY)).get(), 0);
 }
-void hold_in_thread(const char *file) {
+
+void open_in_thread(const char *file) {
     std::promise<void> held;
     std::thread([&held, file] {
         unshare(CLONE_FILES);
         close_range(3, ~0U, 0);
-        open(file, O_RDONLY);
+        open(file, O_RDONLY | O_CLOEXEC);
         held.set_value();
         pause();
     }).detach();
     held.get_future().wait();
 }
 
-const struct {
+// The first thread ends before another lets go of what the parent waits for.
+template<void (*hold)(const char *)> void outlive_first_thread(const char *file) {
+    std::thread([file] {
+        hold(file);
+        char program[8];
+        while (readlink("/proc/self/exe", program, sizeof(program)) > 0)
+            sched_yield();
+        close_range(3, 99, 0);
+        pause();
+    }).detach();
+    syscall(SYS_exit, 0);
+}
+
+void open_at_100(const char *file) {
+    dup2(unique_fd(open(file, O_RDONLY | O_CLOEXEC)).get(), 100);
+}
+
+void take_lease(const char *file) {
+    signal(SIGIO, SIG_IGN);
+    fcntl(open(file, O_RDWR | O_CLOEXEC), F_SETLEASE, F_WRLCK);
+}
+
+bool mount_overlay() {
+    static const bool mounted = [] {
+        if (!mount_empty("/mnt"))
+            return false;
+        for (const char *name : {"/mnt/lower", "/mnt/upper", "/mnt/work", "/mnt/merged"})
+            fs::create_directory(name);
+        return mount("none", "/mnt/merged", "overlay", 0,
+                     "lowerdir=/mnt/lower,upperdir=/mnt/upper,workdir=/mnt/work") == 0;
+    }();
+    return mounted;
+}
+
+struct way_to_hold {
     const char *name;
     void (*hold)(const char *file);
-    int expected;
-} ways[] = {
-    {"read", [](const char *file) { open(file, O_RDONLY | O_CLOEXEC); }, 1},
-    {"written", [](const char *file) { open(file, O_WRONLY | O_CLOEXEC); }, 1},
-    {"running", [](const char *file) { execl(file, "sleep", "1000", nullptr); }, 1},
-    {"mapped with its descriptor closed", hold_mapped, 1},
-    {"in a thread with descriptors of its own", hold_in_thread, 1},
-    {"O_PATH", [](const char *file) { open(file, O_PATH | O_CLOEXEC); }, 0},
+    int is_use;
+};
+const way_to_hold ways[] = {
+    {"OpenForReading", [](const char *file) { open(file, O_RDONLY | O_CLOEXEC); }, 1},
+    {"OpenForWriting", [](const char *file) { open(file, O_WRONLY | O_CLOEXEC); }, 1},
+    {"MappedAndClosed", map_and_close, 1},
+    {"Executing", [](const char *file) { execl(file, "sleep", "1000", nullptr); }, 1},
+    {"OpenInAThreadOfItsOwn", open_in_thread, 1},
+    {"OpenAfterTheFirstThread", outlive_first_thread<open_at_100>, 1},
+    {"MappedAfterTheFirstThread", outlive_first_thread<map_and_close>, 1},
+    {"UnderALease", take_lease, 1},
+    {"OnlyAsAPath", [](const char *file) { open(file, O_PATH | O_CLOEXEC); }, 0},
 };
 
-// The answer; -2 where it names another process.
-int in_use(const std::string &file, pid_t process) {
-    procfs_path_in_use_info info{-1};
-    const int result = procfs_path_in_use(file.c_str(), &info, 1, 0);
-    return info.pid == process ? result : -2;
+// The file is held by one of its names and asked about by a link to the other.
+void expect_answers(const way_to_hold &way, const fs::path &folder) {
+    const temporary_tree tree(folder);
+    const std::string file = tree / "file", hard = tree / "hard", soft = tree / "soft";
+    fs::copy_file("/bin/sleep", file);
+    fs::create_hard_link(file, hard);
+    fs::create_symlink(file, soft);
+    alarm(30); // nothing waits for a holder
+    unique_fd own;
+    {
+        const child_process holder([&] { way.hold(hard.c_str()); });
+        EXPECT_EQ(ask(soft).first, way.is_use);
+        EXPECT_EQ(ask(soft, PROCFS_FIND_HOLDER), answer(way.is_use, way.is_use * holder.pid));
+        own.reset(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        EXPECT_EQ(ask(soft).first, way.is_use) << "where the service has it open too";
+    }
+    EXPECT_EQ(ask(soft), answer(0, 0)) << "where only the service has it open";
+    own.reset();
+    EXPECT_EQ(ask(soft), answer(0, 0)) << "where nobody has";
+    alarm(0);
 }
 
-bool walk_notices(const char *file) {
-    prctl(PR_SET_DUMPABLE, 1); // or a change of user would hide the child
-    const child_process holder([file] { hold_mapped(file); });
-    return in_use(file, holder.pid) == 1;
-}
+const bool registered =
+    register_rows<way_to_hold>(
+        "InUse", ways, [](const auto &way) { expect_answers(way, fs::temp_directory_path()); }) &&
+    register_rows<way_to_hold>("InUseOnOverlay", ways, [](const auto &way) {
+        if (!mount_overlay())
+            GTEST_SKIP() << "no overlay can be mounted here";
+        expect_answers(way, "/mnt/merged");
+    });
 
 } // namespace
 
-TEST(InUse, TheLeaseAndTheWalkSeeEveryWayToHoldAFileButTheServicesOwn) {
-    for (const auto &way : ways) {
-        SCOPED_TRACE(way.name);
-        const temporary_tree tree;
-        const std::string file = tree / "file", hard = tree / "hard", soft = tree / "soft";
-        fs::copy_file("/bin/sleep", file);
-        fs::create_hard_link(file, hard);
-        fs::create_symlink(file, soft);
-        unique_fd own;
-        {
-            const child_process holder([&] { way.hold(hard.c_str()); });
-            EXPECT_EQ(in_use(soft, 0), way.expected) << "asked for a lease";
-            own.reset(open(file.c_str(), O_RDONLY | O_CLOEXEC)); // the kernel counts it as well
-            EXPECT_EQ(in_use(soft, way.expected * holder.pid), way.expected) << "walked";
-        }
-        EXPECT_EQ(in_use(soft, 0), 0);
+TEST(InUse, NotWhereAPathLeadsToNoFile) {
+    const temporary_tree tree;
+    fs::create_symlink("loop", tree / "loop");
+    for (const std::string &path : std::vector<std::string>{"/no/file", "/etc/passwd/x",
+                                                            tree / "loop", std::string(300, 'n')})
+        EXPECT_EQ(ask(path), answer(0, 0)) << path;
+}
+
+TEST(InUse, WhatCannotBeToldIsInUse) {
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const answer told = ask("/etc/passwd");
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(told, answer(1, 0));
+}
+
+TEST(InUse, NotWhenAScannerHasLetGo) {
+    const temporary_tree tree;
+    const std::string file = tree / "file";
+    write_file(file, "");
+    for (const bool lets_go : {true, false}) {
+        const auto open_it = [&] { open(file.c_str(), O_RDONLY | O_CLOEXEC); };
+        const child_process stays([&] { lets_go ? void() : void(open_it()); });
+        short_holder.emplace(open_it);
+        lease_waits = 0;
+        EXPECT_EQ(ask(file).first, lets_go ? 0 : 1);
+        EXPECT_EQ(lease_waits, lets_go ? 1 : 2);
     }
-    EXPECT_EQ(in_use("/no/file", 0), 0);
-    EXPECT_EQ(in_use(std::string(300, 'n'), 0), 0) << "cannot exist";
 }
 
 TEST(InUse, AnOpenerThatBreaksTheLeaseEndsNothing) {
@@ -85,23 +177,73 @@ TEST(InUse, AnOpenerThatBreaksTheLeaseEndsNothing) {
         }).detach();
     });
     for (int leases = 0; leases < 20000;)
-        leases += in_use(file, 0) == 0 ? 1 : 0;
+        leases += 1 - ask(file).first;
 }
 
-TEST(InUseDeathTest, WhereTheKernelDoesNotAnswerTheWalkDecidesAndReportsOnceThatItIsBlind) {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "mounts and changes its user";
-    const auto ask = [] {
-        if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_REC | MS_PRIVATE, "") != 0 ||
-            mount("", "/mnt", "tmpfs", 0, "") != 0)
-            return false;
-        write_file("/mnt/lower/file", "");
-        write_file("/mnt/other/file", "");
-        mount("", "/mnt/lower", "overlay", 0, "lowerdir=/mnt/lower:/mnt/other");
-        return walk_notices("/mnt/lower/file") && setuid(1) == 0 && walk_notices("/etc/passwd") &&
-               walk_notices("/etc/group");
-    };
+// Only the owner of a file may have a lease on it.
+TEST(InUseDeathTest, TheWalkAnswersForALeaseAndReportsOnceThatItIsBlind) {
     testing::GTEST_FLAG(death_test_style) = "threadsafe"; // a process that has reported nothing
-    EXPECT_EXIT(exit(ask() ? 0 : 1), testing::ExitedWithCode(0),
-                "^Warning: a file in use may not be noticed, [^\n]* 1, Permission denied\n$");
+    const auto ask_as_another_user = [] {
+        const bool is_another = geteuid() != 0 || setuid(1) == 0;
+        prctl(PR_SET_DUMPABLE, 1); // or the change of user would hide the child
+        const child_process holder([] { map_and_close("/etc/passwd"); });
+        const bool noticed = ask("/etc/passwd") == answer(1, holder.pid);
+        return is_another && noticed && ask("/etc/group") == answer(0, 0);
+    };
+    EXPECT_EXIT(exit(ask_as_another_user() ? 0 : 1), testing::ExitedWithCode(0),
+                "^Warning: a file in use may not be noticed, cannot look into process 1, "
+                "Permission denied\n$");
+}
+
+namespace {
+
+struct socket_kind {
+    const char *name;
+    int type;
+    bool listens, only_accepted, is_served;
+};
+const socket_kind kinds[] = {
+    {"Listening", SOCK_STREAM, true, false, true},
+    {"ListeningForPackets", SOCK_SEQPACKET, true, false, true},
+    {"Datagram", SOCK_DGRAM, false, false, true},
+    {"NotListening", SOCK_STREAM, false, false, false},
+    {"OnlyAnAcceptedConnection", SOCK_STREAM, true, true, false},
+};
+
+// Bound by a relative path, whose file and folder have other names by now.
+void expect_server(const socket_kind &kind) {
+    const temporary_tree tree;
+    const std::string path = tree / "moved/renamed";
+    fs::create_directory(tree / "folder");
+    {
+        const child_process server([&] {
+            fs::current_path(tree.root);
+            unique_fd fd = bound_socket("folder/socket", kind.type);
+            if (kind.listens)
+                listen(fd.get(), 1);
+            if (kind.only_accepted) {
+                const sockaddr_un name{AF_UNIX, "folder/socket"};
+                connect(socket(AF_UNIX, kind.type | SOCK_CLOEXEC, 0),
+                        reinterpret_cast<const sockaddr *>(&name), sizeof(name));
+                fd.reset(accept4(fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            }
+            fd.release();
+            fs::rename("folder/socket", "folder/renamed");
+            fs::rename("folder", "moved");
+        });
+        EXPECT_EQ(get_socket_server_pid(path.c_str(), 0), kind.is_served ? server.pid : -1);
+        EXPECT_EQ(get_socket_server_pid(path.c_str(), SOCKET_SERVER_NO_PID),
+                  kind.is_served ? 0 : -1);
+    }
+    EXPECT_TRUE(fs::is_socket(path));
+    EXPECT_EQ(get_socket_server_pid(path.c_str(), 0), -1) << "the server has ended";
+}
+
+const bool sockets_registered = register_rows("SocketServer", kinds, expect_server);
+
+} // namespace
+
+TEST(SocketServer, NoneForWhatIsNoSocket) {
+    for (const char *path : {"/no/file", "/etc/passwd", "/etc"})
+        EXPECT_EQ(get_socket_server_pid(path, 0), -1) << path;
 }
