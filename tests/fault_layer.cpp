@@ -162,6 +162,10 @@ void *operator new(size_t size) {
     throw std::bad_alloc();
 }
 
+void *operator new(size_t size, const std::nothrow_t & /*tag*/) noexcept {
+    return begin_call("operator new") > 0 ? nullptr : malloc(size);
+}
+
 void operator delete(void *memory) noexcept {
     free(memory);
 }
