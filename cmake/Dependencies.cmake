@@ -13,18 +13,32 @@ function(require_library name header library package)
   endif()
 endfunction()
 
-require_library(PCRE pcre.h pcre libpcre3-dev)
+# PCRE 1, which Debian has up to release 12; else PCRE2 through the stand-in of this project.
 add_library(PCRE::pcre INTERFACE IMPORTED)
-target_include_directories(PCRE::pcre INTERFACE ${PCRE_INCLUDE_DIR})
-target_link_libraries(PCRE::pcre INTERFACE ${PCRE_LIBRARY})
+find_path(PCRE_INCLUDE_DIR pcre.h)
+find_library(PCRE_LIBRARY pcre)
+find_path(PCRE2_INCLUDE_DIR pcre2.h)
+find_library(PCRE2_LIBRARY pcre2-8)
+mark_as_advanced(PCRE_INCLUDE_DIR PCRE_LIBRARY PCRE2_INCLUDE_DIR PCRE2_LIBRARY)
+if(PCRE_INCLUDE_DIR AND PCRE_LIBRARY AND NOT VEL4_PCRE2)
+  target_include_directories(PCRE::pcre INTERFACE ${PCRE_INCLUDE_DIR})
+  target_link_libraries(PCRE::pcre INTERFACE ${PCRE_LIBRARY})
+  message(STATUS "PCRE: version 1, ${PCRE_LIBRARY}")
+elseif(PCRE2_INCLUDE_DIR AND PCRE2_LIBRARY)
+  target_include_directories(PCRE::pcre INTERFACE ${PROJECT_SOURCE_DIR}/compat/pcre)
+  target_link_libraries(PCRE::pcre INTERFACE ${PCRE2_LIBRARY})
+  message(STATUS "PCRE: version 2 through the bundled stand-in, ${PCRE2_LIBRARY}")
+else()
+  message(FATAL_ERROR "PCRE is missing: install the Debian package libpcre3-dev or libpcre2-dev")
+endif()
 
 require_library(cpptoml cpptoml.h "" libcpptoml-dev)
 add_library(cpptoml::headers INTERFACE IMPORTED)
 target_include_directories(cpptoml::headers SYSTEM INTERFACE ${cpptoml_INCLUDE_DIR})
 
-require_library(Boost.System boost/system/error_code.hpp boost_system libboost-system-dev)
+# Boost.System has no library of its own any more from Boost 1.89 on.
 require_library(Boost.Filesystem boost/filesystem.hpp boost_filesystem libboost-filesystem-dev)
-find_package(Boost REQUIRED QUIET COMPONENTS filesystem system)
+find_package(Boost CONFIG REQUIRED COMPONENTS filesystem OPTIONAL_COMPONENTS system)
 
 # Lyra: an installed one of release 1.6 or later, else the stand-in of this project. An installed Lyra
 # has no version file; its header tells the release.
