@@ -3,7 +3,7 @@
 # ratios. The figures and the pictures go to a folder, which may be given. All figures are CPU time,
 # medians of several repetitions; the work is done in memory, in a mount namespace of its own.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$(realpath "$0")")/.."
 . scripts/lib.sh
 
 folder=$(realpath -m "${1:-build-bench/pictures}")
@@ -14,8 +14,7 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 if [ "${BENCH_NAMESPACE:-}" != own ]; then
   install_packages "${build_packages[@]}" libbenchmark-dev psmisc gnuplot-nox
-  echo "Building"
-  build_in build-bench -DCMAKE_BUILD_TYPE=Release -DVEL4_BENCHMARKS=ON -DBUILD_TESTING=OFF
+    build_in build-bench -DCMAKE_BUILD_TYPE=Release -DVEL4_BENCHMARKS=ON -DBUILD_TESTING=OFF
   BENCH_NAMESPACE=own exec unshare --mount --propagation private "$0" "$@"
 fi
 

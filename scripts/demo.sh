@@ -2,10 +2,11 @@
 # Shows the service at work, on real files, without touching the machine: it installs what it needs,
 # builds, and delivers in a private mount namespace. With arguments it runs the service itself with them.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$(realpath "$0")")/.."
 . scripts/lib.sh
 
-service=build/vel4_watch_folder_service
+folder=${BUILD_DIR:-build}
+service=$(realpath -m "$folder")/vel4_watch_folder_service
 
 # A second of a tone as a WAV file: write_wav FILE HERTZ
 write_wav() {
@@ -67,7 +68,7 @@ demonstrate() {
   show_tree
   heading "The service: vel4_watch_folder_service --directory /mnt/main"
   mkfifo "$lines"
-  "./$service" --directory /mnt/main >"$lines" 2>&1 &
+  "$service" --directory /mnt/main >"$lines" 2>&1 &
   daemon=$!
   trap 'kill "$writer" "$daemon" 2>/dev/null || true' EXIT
   # The first check comes one second after the start. Its three folders end in one of these lines; then
@@ -86,6 +87,7 @@ demonstrate() {
   wait "$daemon" || status=$?
   heading "After: exit status $status"
   show_tree
+  [ "$status" -eq 0 ] || exit "$status"
   cat <<'END'
 
 What happened:
@@ -99,10 +101,13 @@ if [ "${1:-}" = --in-private-namespace ]; then
   demonstrate
   exit
 fi
+[ $# -gt 0 ] || require_root "a mount namespace of its own"
 install_packages "${build_packages[@]}"
-echo "Building"
-build_in build
-if [ $# -gt 0 ]; then
-  exec "$service" "$@"
-fi
-as_root unshare --mount bash scripts/demo.sh --in-private-namespace
+[ $# -gt 0 ] || as_root unshare --mount true || {
+  echo "No mount namespace can be had here; the demonstration needs one."
+  exit 1
+}
+targets=(vel4_watch_folder_service)
+build_in "$folder" -DBUILD_TESTING=OFF
+[ $# -eq 0 ] || exec "$service" "$@"
+as_root env BUILD_DIR="$folder" unshare --mount bash scripts/demo.sh --in-private-namespace

@@ -3,13 +3,13 @@
 # in the build folder; one that breaks something is written there as crash-* and ends the run with a
 # failure. Arguments: SECONDS [TARGET...].
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$(realpath "$0")")/.."
 . scripts/lib.sh
 
 install_packages "${test_packages[@]}" clang
 seconds=${1:-10}
 shift || true
-[ $# -gt 0 ] || set -- metadata configuration_file command_line socket_answer process_tables
+[ $# -gt 0 ] || set -- metadata configuration_file command_line
 folder=build-fuzz
 build_in "$folder" -DVEL4_FUZZ=ON -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo
 for target in "$@"; do

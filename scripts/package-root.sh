@@ -4,7 +4,6 @@ set -euo pipefail
 package=$1
 service=/usr/sbin/vel4_watch_folder_service
 check=/usr/sbin/vel4_watch_folder_check
-unit=/lib/systemd/system/vel4_watch_folder_service.service
 examples=/usr/share/doc/vel4-watch-folder/examples
 
 fail() {
@@ -25,6 +24,7 @@ await() {
 quietly() { "$@" >/tmp/log 2>&1 || { cat /tmp/log; fail "$*"; }; }
 
 quietly dpkg -i "$package"
+unit=$(dpkg -L vel4-watch-folder | grep /vel4_watch_folder_service.service$)
 
 echo "  the manual, the unit, the completion"
 makewhatis /usr/share/man 2>/dev/null

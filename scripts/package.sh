@@ -3,12 +3,12 @@
 # uses, upgrades, removes and purges it in a root that is thrown away. Installs what it needs.
 # --keep FOLDER copies the package there.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$(realpath "$0")")/.."
 . scripts/lib.sh
 
 keep=
 [ "${1-}" = --keep ] && keep=$(realpath "$2")
-install_packages "${build_packages[@]}" dpkg-dev debhelper lintian mandoc systemd bash-completion
+install_packages "${build_packages[@]}" git build-essential pkgconf 'systemd-dev|systemd' dpkg-dev debhelper lintian mandoc systemd bash-completion
 
 checkout=$PWD
 work=$(mktemp -d)

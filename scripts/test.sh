@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Installs what the tests need, builds, and runs all tests. Arguments go to ctest.
+# Installs what the tests need, builds, and runs all tests. Arguments go to ctest; BUILD_DIR is the build
+# folder (default: build).
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$(realpath "$0")")/.."
 . scripts/lib.sh
 
+folder=${BUILD_DIR:-build}
 install_packages "${test_packages[@]}"
-echo "Building"
-build_in build
-ctest --test-dir build --output-on-failure -j "$(nproc)" "$@"
+build_in "$folder" -DBUILD_TESTING=ON
+ctest --test-dir "$folder" --output-on-failure -j "$(nproc)" "$@"
