@@ -4,18 +4,14 @@
 #include <fcntl.h>
 
 // The library is compiled apart: this header must keep its layout.
-static_assert(
-    offsetof(metadata_v4_context, dir_path) == 0 && sizeof(metadata_v4_context::dir_path) == 8 &&
-        offsetof(metadata_v4_context, dir_fd) == 8 && sizeof(metadata_v4_context::dir_fd) == 4 &&
-        offsetof(metadata_v4_context, file_name) == 16 &&
-        sizeof(metadata_v4_context::file_name) == 8 &&
-        offsetof(metadata_v4_context, file_fd) == 24 && sizeof(metadata_v4_context::file_fd) == 4 &&
-        offsetof(metadata_v4_context, metadir_name) == 32 &&
-        sizeof(metadata_v4_context::metadir_name) == 8 &&
-        offsetof(metadata_v4_context, metadir_fd) == 40 &&
-        sizeof(metadata_v4_context::metadir_fd) == 4 &&
-        offsetof(metadata_v4_context, flags) == 44 && sizeof(metadata_v4_context::flags) == 1,
-    "layout of metadata_v4_context");
+static_assert(offsetof(metadata_v4_context, dir_path) == 0 &&
+                  offsetof(metadata_v4_context, dir_fd) == 8 &&
+                  offsetof(metadata_v4_context, file_name) == 16 &&
+                  offsetof(metadata_v4_context, file_fd) == 24 &&
+                  offsetof(metadata_v4_context, metadir_name) == 32 &&
+                  offsetof(metadata_v4_context, metadir_fd) == 40 &&
+                  offsetof(metadata_v4_context, flags) == 44,
+              "layout of metadata_v4_context");
 
 ItemContext::ItemContext() : context_(metadata_v4_context_create()) {
     set_create_metadata_dir(false);

@@ -4,14 +4,10 @@
 
 // These layouts are the library's too.
 static_assert(offsetof(metadata_v4_metadata_context, entry_count) == 8 &&
-                  sizeof(metadata_v4_metadata_context::entry_count) == 8 &&
-                  offsetof(metadata_v4_metadata_context, descriptor) == 48 &&
-                  sizeof(metadata_v4_metadata_context::descriptor) == 4,
+                  offsetof(metadata_v4_metadata_context, descriptor) == 48,
               "layout of metadata_v4_metadata_context");
 static_assert(offsetof(metadata_v4_metadata_entry, name) == 0 &&
-                  sizeof(metadata_v4_metadata_entry::name) == 8 &&
-                  offsetof(metadata_v4_metadata_entry, value) == 8 &&
-                  sizeof(metadata_v4_metadata_entry::value) == 8,
+                  offsetof(metadata_v4_metadata_entry, value) == 8,
               "layout of metadata_v4_metadata_entry");
 
 ItemMetadata::~ItemMetadata() {

@@ -6,6 +6,7 @@
 #ifndef LYRA_LYRA_HPP
 #define LYRA_LYRA_HPP
 
+#include <algorithm>
 #include <cstddef>
 #include <iomanip>
 #include <ostream>
@@ -74,10 +75,7 @@ private:
 
     bool is_positional() const { return names_.empty(); }
     bool is_named(const std::string &name) const {
-        for (const std::string &own : names_)
-            if (own == name)
-                return true;
-        return false;
+        return std::find(names_.begin(), names_.end(), name) != names_.end();
     }
     std::string joined_names(const char *separator) const {
         std::string text;
@@ -169,14 +167,13 @@ private:
     // Gives a word that is no option to the first positional argument without a value. False when
     // there is none.
     bool take_word(const std::string &word, std::vector<bool> &seen) {
-        std::size_t i = 0;
-        while (i < options_.size() && (seen[i] || !options_[i].is_positional()))
-            ++i;
-        if (i == options_.size())
-            return false;
-        seen[i] = true;
-        *options_[i].value_ = word;
-        return true;
+        for (std::size_t i = 0; i < options_.size(); ++i) {
+            if (seen[i] || !options_[i].is_positional())
+                continue;
+            *options_[i].value_ = word;
+            return seen[i] = true;
+        }
+        return false;
     }
 
     // One argument: a word, a long option, or a dash and one or more short ones, the last with its
