@@ -11,10 +11,8 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/capability.h>
 #include <linux/magic.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -27,30 +25,13 @@ constexpr char main_storage[] = "/mnt/main/";
 // The monotonic clock of a machine that has been up for thirty years.
 constexpr uint64_t long_uptime_us = 999999999999999;
 
-bool has_capability(int capability) {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3]{};
-    return syscall(SYS_capget, &header, data) == 0 && (data[0].effective & 1U << capability) != 0;
-}
-
-// Asks with the effective user and its capabilities; a read-only file system is an answer too. A
-// directory that takes names but lets none go refuses as well.
-int rename_error_of(int fd, const struct statx &status) {
+// Asks with the effective user and its capabilities; a read-only file system is an answer too.
+int rename_error_of(int fd) {
     // No directory gets a second name. Before that is refused comes what a mount says that does not
     // map the user.
     if (linkat(fd, ".", fd, ".no second name", 0) != 0 && errno == EOVERFLOW)
         return EOVERFLOW;
-    if (faccessat(fd, ".", W_OK | X_OK, AT_EACCESS) != 0)
-        return errno;
-    if ((status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0)
-        return EPERM;
-    const bool is_sticky = (status.stx_mode & S_ISVTX) != 0;
-    return is_sticky && status.stx_uid != geteuid() && !has_capability(CAP_FOWNER) ? EPERM : 0;
-}
-
-// Is the process neither root nor one that may read and write anywhere, as the service may?
-bool is_ordinary_user() {
-    return geteuid() != 0 && !has_capability(CAP_DAC_OVERRIDE);
+    return faccessat(fd, ".", W_OK | X_OK, AT_EACCESS) == 0 ? 0 : errno;
 }
 
 constexpr struct {
@@ -66,7 +47,7 @@ constexpr struct {
 void report_refused(const char *entry, const directory_facts &directory, const char *what,
                     int code) {
     static bool was_said = false;
-    if (!is_ordinary_user() || (code != EACCES && code != EPERM))
+    if (geteuid() == 0 || code != EACCES)
         report(error, entry, "cannot %s %s, %s", what, directory.name.c_str(), strerror(code));
     else if (!std::exchange(was_said, true))
         report(error, nullptr,
@@ -166,7 +147,7 @@ directory_facts collect_directory_facts(const char *what, const std::string &pat
     facts.inode = status.stx_ino;
     facts.mount = (status.stx_mask & STATX_MNT_ID) != 0 ? status.stx_mnt_id : 0;
     facts.type = static_cast<uint32_t>(system.f_type);
-    facts.rename_error = rename_error_of(fd.get(), status);
+    facts.rename_error = rename_error_of(fd.get());
     return facts;
 }
 
