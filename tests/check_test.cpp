@@ -12,7 +12,11 @@ namespace {
 
 struct storage {
     storage() {
-        make_tree(tree.root, "in/x/=\nother/x/=\nout/dir/x=\nbad/ARCHIVE=\nlink -> /\n");
+        make_tree(tree.root, {{"in/x/", ""},
+                              {"other/x/", ""},
+                              {"out/dir/x", ""},
+                              {"bad/ARCHIVE", ""},
+                              {"link", "-> /"}});
         main_path = fs::canonical(tree.root).string();
     }
     temporary_tree tree;
@@ -140,8 +144,11 @@ TEST(Check, RemoteFileSystemsAndMounts) {
 // The announcement of a pass, and what the pass then makes of it.
 TEST(Check, DryRunSaysWhatThePassDoes) {
     const storage main;
-    make_tree(main.tree.root, "in/n.mxf=new\nother/a.mxf=1\nout/t=old\nout/.t.metadir/"
-                              "metadata=original filename=was.mxf\nbad/in/b=2\n");
+    make_tree(main.tree.root, {{"in/n.mxf", "new"},
+                               {"other/a.mxf", "1"},
+                               {"out/t", "old"},
+                               {"out/.t.metadir/metadata", "original filename=was.mxf\n"},
+                               {"bad/in/b", "2"}});
     const std::string text =
         entry("event1", "in", "'n'", "out/t") + entry("event2", "other", "'a'", "out/t") +
         entry("event3", "bad/in", "'b$'", "bad/t") + entry("event4", "in", "'m$'", "out/u");
@@ -159,10 +166,11 @@ TEST(Check, DryRunSaysWhatThePassDoes) {
 
 TEST(Check, DryRunNamesWhoHoldsAFile) {
     const storage main;
-    make_tree(main.tree.root, "new/Upload/a/n=\nnew/Upload/a/m=\nnew/Upload/b/=\n");
+    make_tree(main.tree.root,
+              {{"new/Upload/a/n", ""}, {"new/Upload/a/m", ""}, {"new/Upload/b/", ""}});
     check_options dry{main.tree / "new", "", false, true};
     EXPECT_TRUE(says(check(main, "", dry), "': would deliver '"));
-    make_tree(main.tree.root, "new/Play/.a.metadir/.media.item.active.socket=\n");
+    make_tree(main.tree.root, {{"new/Play/.a.metadir/.media.item.active.socket", ""}});
     EXPECT_TRUE(says(check(main, "", dry),
                      "is running, its marker is a file; files that wait behind it: 1\n"));
 }

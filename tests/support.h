@@ -60,49 +60,29 @@ inline std::string replaced(std::string text, const std::string &what, const std
     return text;
 }
 
-// The inverse: makes what such a text shows, in its order, with the folders that lead there. "\2"
-// stands for a newline within a line.
-inline void make_tree(const fs::path &root, const std::string &picture) {
-    std::istringstream lines(picture);
-    for (std::string line; std::getline(lines, line);) {
-        line = replaced(line, "\2", "\n");
-        const size_t arrow = line.find(" -> ");
-        const size_t equals = line.find('=');
-        const fs::path path = root / line.substr(0, std::min(arrow, equals));
-        if (equals < arrow) {
-            write_file(path, line.substr(equals + 1));
-            continue;
-        }
-        fs::create_directories(arrow == std::string::npos ? path : path.parent_path());
-        if (arrow != std::string::npos)
-            fs::create_symlink(line.substr(arrow + 4), path);
+// Paths with their contents: "-> TEXT" is a symbolic link, a path that ends in a slash a folder.
+using file_tree = std::vector<std::pair<std::string, std::string>>;
+
+inline void make_tree(const fs::path &root, const file_tree &files) {
+    for (const auto &[name, content] : files) {
+        fs::create_directories((root / name).parent_path());
+        if (content.compare(0, 3, "-> ") == 0)
+            fs::create_symlink(content.substr(3), root / name);
+        else if (name.back() != '/')
+            write_file(root / name, content);
     }
 }
 
-// The paragraphs of a case file, but for the first, which says what its marks mean: for each mark
-// that begins a line, what follows the mark and a blank in all its lines, escapes replaced.
-inline std::vector<std::map<char, std::string>>
-read_cases(const fs::path &path, const std::vector<std::pair<std::string, std::string>> &escapes) {
-    std::vector<std::map<char, std::string>> cases;
-    std::ifstream file(path);
-    bool in_case = false;
-    for (std::string line; std::getline(file, line); in_case = !line.empty()) {
-        if (line.empty())
-            continue;
-        if (!in_case)
-            cases.emplace_back();
-        for (const auto &[what, by] : escapes)
-            line = replaced(line, what, by);
-        cases.back()[line[0]] += line.substr(std::min<size_t>(2, line.size())) + "\n";
-    }
-    cases.erase(cases.begin());
-    return cases;
-}
-
-// The text of a mark that has one line in a case; "" without that mark.
-inline std::string line_of(const std::map<char, std::string> &row, char mark) {
-    const auto found = row.find(mark);
-    return found == row.end() ? "" : found->second.substr(0, found->second.rfind('\n'));
+// What tree_of shows of such a tree.
+inline std::string picture(const file_tree &files) {
+    std::set<std::string> lines;
+    for (const auto &[name, content] : files)
+        lines.insert(name +
+                     (name.back() == '/'                  ? ""
+                      : content.compare(0, 3, "-> ") == 0 ? " " + content
+                                                          : "=" + content) +
+                     "\n");
+    return std::accumulate(lines.begin(), lines.end(), std::string());
 }
 
 inline size_t open_descriptors() {

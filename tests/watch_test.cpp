@@ -1,12 +1,11 @@
 #include "config/watch_entry.h"
 #include "service/main_storage.h"
+#include "tests/rows.h"
 #include "tests/support.h"
 #include "watch/cpprealpath.h"
 #include "watch/folder_scan.h"
 #include "watch/watch_pass.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 namespace {
@@ -25,34 +24,62 @@ std::string lines_of_scan(const WatchEntry &entry) {
     return lines.text();
 }
 
-} // namespace
+// The main storage is "main", in which "out" leads to "mainx" beside it. A file waits in each.
+const struct scan_case {
+    const char *name, *watch, *target;
+    std::string lines; // after the two that every scan begins with, up to a delivery
+} scan_cases[] = {
+    {"BothBelow", "main/watch", "main/play/t",
+     "watch realpath: main/watch\ntarget realpath: main/play\nChecking found file 'f'"},
+    {"ByALinkIntoOneFolder", "main/out/../main/watch", "main/watch/t",
+     "watch realpath: main/watch\ntarget realpath: main/watch\nChecking found file 'f'"},
+    {"WatchIsTheStorage", "main", "main/play/t",
+     "watch realpath: main\ntarget realpath: main/play\nPath(s) do not validate\n"},
+    {"TargetInTheStorage", "main/watch", "main/t",
+     "watch realpath: main/watch\ntarget realpath: main\nPath(s) do not validate\n"},
+    {"WatchLeadsOutside", "main/out", "main/play/t",
+     "watch realpath: mainx\ntarget realpath: main/play\nPath(s) do not validate\n"},
+    {"TargetOutside", "main/watch", "mainx/t",
+     "watch realpath: main/watch\ntarget realpath: mainx\nPath(s) do not validate\n"},
+    {"NoTargetFolder", "main/watch", "main/gone/t",
+     "watch realpath: main/watch\ntarget realpath: \nNot possible to check\n"},
+    {"NoTargetName", "main/watch", "main/play/..",
+     "watch realpath: main/watch\ntarget realpath: \nNot possible to check\n"},
+    {"NoWatchFolder", "main/gone", "main/play/t",
+     "* cannot scan directory, No such file or directory\n"},
+};
 
-TEST(FolderScan, ActsOnlyBelowTheMainStorage) {
-    const auto cases = read_cases(TEST_CASES "/folder_scans.txt", {});
-    EXPECT_GE(cases.size(), 9U);
-    for (auto row : cases) {
-        const temporary_tree tree;
-        make_tree(tree.root,
-                  "main/watch/f=\nmain/f=\nmain/play/\nmain/out -> ../mainx\nmainx/f=\n");
-        const std::string root = fs::canonical(tree.root);
-        main_path = root + "/main";
-        std::istringstream paths(row['>']);
-        std::string watch;
-        std::string target;
-        paths >> watch >> target;
-        const size_t open_before = open_descriptors();
-        const std::string lines =
-            lines_of_scan(make_entry("e", root + "/" + watch, root + "/" + target, ""));
-        EXPECT_EQ(replaced(lines, root + "/", ""), row['|']) << row['#'];
-        EXPECT_EQ(open_descriptors(), open_before);
-    }
-    EXPECT_EQ(procfs_fd_realpath(999), "");
+void check_scan(const scan_case &row) {
+    const temporary_tree tree;
+    make_tree(tree.root, {{"main/watch/f", ""},
+                          {"main/f", ""},
+                          {"main/play/", ""},
+                          {"main/out", "-> ../mainx"},
+                          {"mainx/f", ""}});
+    const std::string root = fs::canonical(tree.root).string() + "/";
+    main_path = root + "main";
+    const size_t open_before = open_descriptors();
+    const std::string lines =
+        lines_of_scan(make_entry("e", root + row.watch, root + row.target, ""));
+    const std::string expected = std::string("Checking 'e' in '") + row.watch +
+                                 "'\n  if new entries replace '" + row.target + "'\n" + row.lines;
+    EXPECT_EQ(replaced(lines, root, "").substr(0, expected.size()), expected);
+    EXPECT_EQ(lines.find("Checking found") == std::string::npos, fs::exists(tree / "main/watch/f"));
+    EXPECT_EQ(open_descriptors(), open_before);
 }
 
-TEST(FolderScan, PicksOneRegularVisibleMatchingFile) {
+const bool scan_rows = register_rows("Scan", scan_cases, check_scan);
+
+} // namespace
+
+TEST(Scan, PicksOneRegularVisibleMatchingFile) {
     const temporary_tree tree;
-    make_tree(tree.root, "main/play/\nmain/watch/.a=hidden\nmain/watch/b=no match\noutside=x\n"
-                         "main/watch/a-folder/\nmain/watch/a-link -> ../../outside\n");
+    make_tree(tree.root, {{"main/play/", ""},
+                          {"main/watch/.a", "hidden"},
+                          {"main/watch/b", "no match"},
+                          {"outside", "x"},
+                          {"main/watch/a-folder/", ""},
+                          {"main/watch/a-link", "-> ../../outside"}});
     main_path = fs::canonical(tree / "main");
     const fs::path watch = tree / "main/watch";
     mkfifo((watch / "a-fifo").c_str(), 0600);
@@ -74,9 +101,10 @@ TEST(FolderScan, PicksOneRegularVisibleMatchingFile) {
         EXPECT_EQ(fs::exists(watch / "a1") + fs::exists(watch / "a2"), left);
     }
     EXPECT_EQ(tree_of(watch), never_taken);
+    EXPECT_EQ(procfs_fd_realpath(999), "");
 }
 
-TEST(WatchPass, VisitsEveryConsistentValidEntryInOrder) {
+TEST(Pass, VisitsEveryConsistentValidEntryInOrder) {
     main_path = "/main";
     configuration.clear();
     configuration["b"] = make_entry("b", "/gone", "/t", nullptr);
@@ -84,7 +112,13 @@ TEST(WatchPass, VisitsEveryConsistentValidEntryInOrder) {
     configuration["a"] = make_entry("A", "/gone", "/t", "");
     configuration["c"] = make_entry("c", "/gone", "", "");
     configuration["d"] = make_entry("d", "/gone", "/t", "(");
+    const std::string scan = "' in '/gone'\n  if new entries replace '/t'\n"
+                             "* cannot scan directory, No such file or directory\n";
     const captured_output lines;
     check_watch_entries();
-    EXPECT_EQ(lines.text(), read_file(TEST_CASES "/watch_pass.txt"));
+    EXPECT_EQ(lines.text(), "Checking... (main='/main')\nChecking 'A" + scan +
+                                "BUG: a forgot it's entry name\nEntry 'A'\n"
+                                "  Watch:      '/gone'\n  Target:     '/t'\n  Match pattern:\n"
+                                "    Pattern:       ''\n    Ready:         Yes \nChecking 'b" +
+                                scan);
 }
