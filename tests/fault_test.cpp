@@ -400,7 +400,7 @@ TEST(Faults, ArchiveNameIsTaken) {
 
 // What stands at the marker's place cannot be told: the item does not count as running.
 TEST(Faults, RunningItem) {
-    run_all({true, true, false, source::entry, use::running}, false, 200, 20);
+    run_all({true, true, false, source::entry, use::running}, false, 110, 20);
 }
 
 TEST(Faults, WalkOwnFile) {

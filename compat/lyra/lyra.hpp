@@ -17,44 +17,29 @@
 namespace lyra {
 
 // The arguments of main. Copies them.
-class args {
-public:
+struct args {
     args(int argc, const char *const *argv) {
         if (argc > 0)
-            exe_name_ = argv[0];
+            exe_name = argv[0];
         for (int i = 1; i < argc; ++i)
-            arguments_.emplace_back(argv[i]);
+            arguments.emplace_back(argv[i]);
     }
-    const std::string &exe_name() const { return exe_name_; }
-    const std::vector<std::string> &arguments() const { return arguments_; }
-
-private:
-    std::string exe_name_;
-    std::vector<std::string> arguments_;
+    std::string exe_name;
+    std::vector<std::string> arguments;
 };
 
 // The outcome of a parse: true, or false with a message.
-class parse_result {
-public:
-    parse_result() = default;
-    static parse_result error(std::string message) {
-        parse_result result;
-        result.ok_ = false;
-        result.message_ = std::move(message);
-        return result;
-    }
+struct parse_result {
     explicit operator bool() const { return ok_; }
     const std::string &message() const { return message_; }
 
-private:
     bool ok_ = true;
     std::string message_;
 };
 
 // An option: a flag when bound to a bool, else one that takes a value. The variable it is bound to
 // belongs to the caller and must outlive the parse.
-class opt {
-public:
+struct opt {
     explicit opt(bool &flag) : flag_(&flag) {}
     opt(std::string &value, std::string hint) : value_(&value), hint_(std::move(hint)) {}
 
@@ -67,12 +52,7 @@ public:
         return *this;
     }
 
-private:
-    friend class arg;
-    friend class cli;
-    friend class help;
-    friend std::ostream &operator<<(std::ostream &, const class cli &);
-
+    // The stand-in's own.
     bool is_positional() const { return names_.empty(); }
     bool is_named(const std::string &name) const {
         return std::find(names_.begin(), names_.end(), name) != names_.end();
@@ -95,8 +75,7 @@ private:
 };
 
 // A positional argument, which may be left out. The variable belongs to the caller.
-class arg {
-public:
+struct arg {
     arg(std::string &value, std::string hint) : option_(value, std::move(hint)) {}
 
     arg &operator()(const std::string &description) {
@@ -104,21 +83,16 @@ public:
         return *this;
     }
 
-private:
-    friend class cli;
     opt option_;
 };
 
 // The help flag, under its three customary names. Seen, it ends the parse with success.
-class help {
-public:
+struct help {
     explicit help(bool &flag) : option_(flag) {
         option_["-?"]["-h"]["--help"];
         option_.ends_parse_ = true;
     }
 
-private:
-    friend class cli;
     opt option_;
 };
 
@@ -138,13 +112,13 @@ public:
 
     // Sets the bound variables from left to right; those before a faulty argument stay set.
     parse_result parse(const args &arguments) {
-        const std::size_t slash = arguments.exe_name().find_last_of("/\\");
-        exe_name_ = arguments.exe_name().substr(slash == std::string::npos ? 0 : slash + 1);
+        const std::size_t slash = arguments.exe_name.find_last_of("/\\");
+        exe_name_ = arguments.exe_name.substr(slash == std::string::npos ? 0 : slash + 1);
         std::vector<bool> seen(options_.size(), false);
         outcome at;
-        while (at.next < arguments.arguments().size() && !at.ended && at.message.empty())
-            parse_one(arguments.arguments(), at, seen);
-        return at.message.empty() ? parse_result() : parse_result::error(at.message);
+        while (at.next < arguments.arguments.size() && !at.ended && at.message.empty())
+            parse_one(arguments.arguments, at, seen);
+        return {at.message.empty(), at.message};
     }
 
 private:

@@ -78,17 +78,15 @@ int metadata_v4_context_set_file_location(metadata_v4_context *context, const ch
     forget_location(context);
     const char *slash = strrchr(path, '/');
     const char *name = slash == nullptr ? path : slash + 1;
-    if (*name == '\0' || strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
-        errno = EINVAL;
-        return -1;
-    }
+    char metadir[NAME_MAX + 1];
+    const bool has_metadir = metadata_v4_file_to_metadir(metadir, sizeof(metadir), name) >= 0;
+    if (!has_metadir && errno == EINVAL)
+        return -1; // no last component
     // "/name" lies in "/", a bare name in the working directory.
     context->dir_path = slash == nullptr ? strdup(".")
                         : slash == path  ? strdup("/")
                                          : strndup(path, static_cast<size_t>(slash - path));
     context->file_name = strdup(name);
-    char metadir[NAME_MAX + 1];
-    const bool has_metadir = metadata_v4_file_to_metadir(metadir, sizeof(metadir), name) >= 0;
     if (has_metadir)
         context->metadir_name = strdup(metadir);
     if (context->dir_path == nullptr || context->file_name == nullptr ||
