@@ -46,7 +46,7 @@ measure() {
   build-bench/benchmarks/benchmarks --benchmark_filter="$filter" --benchmark_min_time=0.1 \
     --benchmark_repetitions="$repetitions" --benchmark_report_aggregates_only=true \
     --benchmark_format=csv 2>/dev/null 9>&- |
-    awk -F, -v label="$label" '/_median/ { gsub(/"/, "", $1); sub(/\/manual_time_median/, "", $1)
+    awk -F, -v label="$label" '/_median/ { gsub(/"/, "", $1); sub(/(\/iterations:[0-9]+)?\/manual_time_median/, "", $1)
       print label, $1, $3 }' >>"$results/all"
 }
 

@@ -408,7 +408,7 @@ TEST(Faults, WalkOwnFile) {
 }
 
 TEST(Faults, WalkFileOfAnotherProcess) {
-    run_all({false, false, false, source::entry, use::other}, false, 200, 1000);
+    run_all({false, false, false, source::entry, use::other}, false, 100, 1000);
 }
 
 TEST(Faults, Reload) {

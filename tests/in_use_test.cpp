@@ -227,7 +227,7 @@ void expect_server(const socket_kind &kind) {
                         reinterpret_cast<const sockaddr *>(&name), sizeof(name));
                 fd.reset(accept4(fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
             }
-            fd.release();
+            static_cast<void>(fd.release());
             fs::rename("folder/socket", "folder/renamed");
             fs::rename("folder", "moved");
         });

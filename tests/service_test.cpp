@@ -218,9 +218,9 @@ TEST(LongLife, FiveHundredPasses) {
                                        (tree / "Play/A").string() + "'\n");
     fs::create_directories(tree / "Upload/A");
     configuration = build_directory_configuration(tree.root);
-    constexpr int passes = 500;
+    constexpr uint64_t passes = 500;
     size_t delivered = 0, descriptors = 0, memory = 0;
-    int pass = 0;
+    uint64_t pass = 0;
     during_sleep = [&] {
         ++pass;
         main_path = fs::canonical(tree.root).parent_path();
@@ -249,5 +249,5 @@ TEST(LongLife, FiveHundredPasses) {
     }
     during_sleep = nullptr;
     EXPECT_EQ(pass, passes);
-    EXPECT_EQ(delivered, static_cast<size_t>(passes));
+    EXPECT_EQ(delivered, passes);
 }
