@@ -13,7 +13,7 @@ constexpr char marker[] = ".media.item.active.socket";
 bool is_served_socket(const char *path) {
     struct stat status {};
     return lstat(path, &status) == 0 && S_ISSOCK(status.st_mode) &&
-           get_socket_server_pid(path, 1) != -1;
+           get_socket_server_pid(path, SOCKET_SERVER_NO_PID) != -1;
 }
 
 } // namespace
