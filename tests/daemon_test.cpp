@@ -91,12 +91,13 @@ struct daemon_process {
 // Another process or thread is the end of the process that would make it.
 void forbid_processes() {
     std::vector<sock_filter> filter{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
-    for (const unsigned int call : {SYS_clone, SYS_clone3,
+    for (const long call : {SYS_clone, SYS_clone3,
 #ifdef SYS_vfork
-                                    SYS_fork, SYS_vfork
+                            SYS_fork, SYS_vfork
 #endif
          }) {
-        filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1));
+        filter.push_back(
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned int>(call), 0, 1));
         filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS));
     }
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
@@ -308,7 +309,7 @@ protected:
             return unread == fcntl(daemon.reader.get(), F_GETPIPE_SZ);
         }));
         const fs::path status = "/proc/" + std::to_string(daemon.child->pid) + "/status";
-        for (int sent = 0; sent < count; ++sent) {
+        for (size_t sent = 0; sent < static_cast<size_t>(count); ++sent) {
             kill(daemon.child->pid, std::array{SIGINT, SIGTERM, SIGQUIT}[sent % 3]);
             EXPECT_TRUE(wait_until([&] { // it is handled: two that are pending are one
                 return read_file(status).find("ShdPnd:\t0000000000000000") != std::string::npos;
