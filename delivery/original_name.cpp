@@ -54,7 +54,7 @@ std::string read_original_name(const ItemContext &target, ItemMetadata &list) {
         diag("Target meta load fail from old file\n");
     print_entries(list);
     bool has_slash = false;
-    const std::string name = original_name_in(list, has_slash);
+    std::string name = original_name_in(list, has_slash);
     if (has_slash)
         diag("Forward slash in original name, rejecting.\n");
     diag("Original filename: '%s'\n", name.c_str());

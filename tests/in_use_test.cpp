@@ -223,11 +223,12 @@ void expect_server(const socket_kind &kind) {
                 listen(fd.get(), 1);
             if (kind.only_accepted) {
                 const sockaddr_un name{AF_UNIX, "folder/socket"};
-                connect(socket(AF_UNIX, kind.type | SOCK_CLOEXEC, 0),
-                        reinterpret_cast<const sockaddr *>(&name), sizeof(name));
+                if (connect(socket(AF_UNIX, kind.type | SOCK_CLOEXEC, 0),
+                            reinterpret_cast<const sockaddr *>(&name), sizeof(name)) != 0)
+                    abort();
                 fd.reset(accept4(fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
             }
-            static_cast<void>(fd.release());
+            fd.release();
             fs::rename("folder/socket", "folder/renamed");
             fs::rename("folder", "moved");
         });
