@@ -157,7 +157,7 @@ TEST(MainLoop, KeepsDueTimesAndRescansInDirectoryMode) {
 
 TEST(MainLoop, StopBeforeTheFirstIterationRunsNoCheck) {
     stop_count = 1;
-    EXPECT_EQ(run_loop("", {0}), "");
+    EXPECT_EQ(run_loop("", {0, 0}), "");
 }
 
 TEST(MainLoop, ManySighupsAreOneReload) {
