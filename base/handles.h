@@ -1,8 +1,7 @@
 // Holders for descriptors and streams, so that every path out of a function releases them.
 //
 // Owns:   what it was given, until release() or reset().
-// Errors: none; closing keeps errno, so that a failure can still be reported after a holder is
-// gone.
+// Errors: none; closing keeps errno: a failure can still be reported after a holder is gone.
 #ifndef BASE_HANDLES_H
 #define BASE_HANDLES_H
 

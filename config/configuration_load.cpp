@@ -81,7 +81,8 @@ void add_event_array(cpptoml::table_array &tables) {
 // Never counts too little. In cpptoml, parse_array consumes a "[" and parse_inline_table a "{" for
 // each call of itself, and each further table that a key or a section's name makes or enters
 // consumes a ".". All of these bytes are counted, within strings and comments too, and none is
-// taken off again.
+// taken off again. Only the release of what was made can go deeper, twice as deep at most: a
+// section may enter arrays of tables, two levels for a ".", that another one made.
 //
 // To start again at a line "[event" or "[[event" is safe. Outside of a value the line is the name
 // of a section, which parse() looks up from the root, with no call open. Within an array, the one

@@ -41,8 +41,8 @@ void rescan_if_due(uint64_t now, uint64_t &rescan_at_us, const std::string &watc
         configuration = build_directory_configuration(watch_folder_dir);
 }
 
-// A check is due 60 s after the last due time, not after the last check: delays do not add up.
-// Unless this check is so late that the next one would follow within a second.
+// A check is due 60 s after the last due time, not after the last check, so that delays do not add
+// up. A check that is so late that the next one would follow within a second is counted from anew.
 void check_or_sleep(uint64_t now) {
     if (next_check_us > now) {
         sleep(1);

@@ -303,7 +303,6 @@ std::vector<int> errors_that_fit(const std::string &call) {
         {"closedir", {EIO}},
         {"fclose", {EIO, ENOSPC}},
         {"flock", {EAGAIN, EINTR, ENOLCK}},
-        {"ioctl", {ENOTTY, EIO}},
         {"operator new", {ENOMEM}},
         {"calloc", {ENOMEM}},
         {"strdup", {ENOMEM}},

@@ -17,9 +17,9 @@ bool identify(int at, const char *name, file_identity &identity) {
 
 bool identify_for_kernel(int fd, file_identity &identity) {
     struct statx status {};
-    if (!identify(fd, "", identity) ||
-        statx(fd, "", AT_STATX_DONT_SYNC | AT_EMPTY_PATH, STATX_MNT_ID, &status) != 0)
+    if (statx(fd, "", AT_STATX_DONT_SYNC | AT_EMPTY_PATH, STATX_INO | STATX_MNT_ID, &status) != 0)
         return false;
+    identity = {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
     // A mount that cannot be reached from the root of a chroot is not listed.
     if (const unique_file mounts = open_table(AT_FDCWD, "/proc/self/mountinfo"))
         find_device_of_mount(mounts.get(), status.stx_mnt_id, identity.device);
