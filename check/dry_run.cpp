@@ -71,7 +71,7 @@ string process_text(int pid) {
 
 string use_of(const string &name, const string &path) {
     procfs_path_in_use_info info{};
-    procfs_path_in_use(path.c_str(), &info, 1, 1);
+    procfs_path_in_use(path.c_str(), &info, 1, PROCFS_FIND_HOLDER);
     return "waits: " + name + " is in use by " + process_text(info.pid);
 }
 

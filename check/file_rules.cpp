@@ -2,6 +2,7 @@
 
 #include "base/diagnostics.h"
 #include "check/finding.h"
+#include "config/configuration_load.h"
 #include "config/regexstate.h"
 
 #include <algorithm>
@@ -53,18 +54,9 @@ void find_nested_tables(const std::string &name, const cpptoml::table &outer) {
                    name.c_str(), key.c_str(), event, name.c_str(), key.c_str());
 }
 
-element find(const cpptoml::table &table, const char *key) {
-    return table.contains(key) ? table.get(key) : nullptr;
-}
-
-const std::string *text_of(const element &item) {
-    const auto value = std::dynamic_pointer_cast<cpptoml::value<std::string>>(item);
-    return value == nullptr ? nullptr : &value->get();
-}
-
 void judge_path(const char *entry, const cpptoml::table &table, const char *key) {
-    const element item = find(table, key);
-    const std::string *text = text_of(item);
+    const element item = find_element(table, key);
+    const std::string *text = string_text(item);
     const char *wrong = item == nullptr   ? "is missing"
                         : text == nullptr ? "is not one text in quotes"
                         : text->empty()   ? "is empty"
@@ -113,13 +105,13 @@ void find_odd_pattern(const char *entry, const std::string &text) {
 }
 
 void judge_patterns(const char *entry, const cpptoml::table &table) {
-    const element item = find(table, pattern_key);
+    const element item = find_element(table, pattern_key);
     std::vector<element> all = {item};
     if (item != nullptr && item->is_array())
         all = item->as_array()->get();
     bool has_pattern = false;
     for (const element &one : all) {
-        const std::string *text = text_of(one);
+        const std::string *text = string_text(one);
         if (text == nullptr)
             continue;
         has_pattern = true;

@@ -1,18 +1,6 @@
 # The libraries that the service is built on. A missing one ends the configuration with the name of the
 # Debian package that brings it.
 
-function(require_library name header library package)
-  find_path(${name}_INCLUDE_DIR ${header})
-  mark_as_advanced(${name}_INCLUDE_DIR)
-  if(library)
-    find_library(${name}_LIBRARY ${library})
-    mark_as_advanced(${name}_LIBRARY)
-  endif()
-  if(NOT ${name}_INCLUDE_DIR OR (library AND NOT ${name}_LIBRARY))
-    message(FATAL_ERROR "${name} is missing: install the Debian package ${package}")
-  endif()
-endfunction()
-
 # PCRE 1, which Debian has up to release 12; else PCRE2 through the stand-in of this project.
 add_library(PCRE::pcre INTERFACE IMPORTED)
 find_path(PCRE_INCLUDE_DIR pcre.h)
@@ -32,13 +20,20 @@ else()
   message(FATAL_ERROR "PCRE is missing: install the Debian package libpcre3-dev or libpcre2-dev")
 endif()
 
-require_library(cpptoml cpptoml.h "" libcpptoml-dev)
+find_path(cpptoml_INCLUDE_DIR cpptoml.h)
+mark_as_advanced(cpptoml_INCLUDE_DIR)
+if(NOT cpptoml_INCLUDE_DIR)
+  message(FATAL_ERROR "cpptoml is missing: install the Debian package libcpptoml-dev")
+endif()
 add_library(cpptoml::headers INTERFACE IMPORTED)
 target_include_directories(cpptoml::headers SYSTEM INTERFACE ${cpptoml_INCLUDE_DIR})
 
 # Boost.System has no library of its own any more from Boost 1.89 on.
-require_library(Boost.Filesystem boost/filesystem.hpp boost_filesystem libboost-filesystem-dev)
-find_package(Boost CONFIG REQUIRED COMPONENTS filesystem OPTIONAL_COMPONENTS system)
+find_package(Boost CONFIG QUIET COMPONENTS filesystem OPTIONAL_COMPONENTS system)
+if(NOT TARGET Boost::filesystem)
+  message(FATAL_ERROR
+    "Boost.Filesystem is missing: install the Debian package libboost-filesystem-dev")
+endif()
 
 # Lyra: an installed one of release 1.6 or later, else the stand-in of this project. An installed Lyra
 # has no version file; its header tells the release.
@@ -53,8 +48,6 @@ if(TARGET bfg::lyra)
     #include <lyra/lyra.hpp>
     static_assert(LYRA_VERSION >= 10600000, \"too old\");
     int main() {}" lyra_is_usable)
-  unset(CMAKE_REQUIRED_LIBRARIES)
-  unset(CMAKE_REQUIRED_FLAGS)
 endif()
 if(lyra_is_usable)
   target_link_libraries(lyra_headers INTERFACE bfg::lyra)

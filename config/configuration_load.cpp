@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <stdexcept>
 #include <sys/stat.h>
 #include <utility>
 
@@ -32,20 +31,6 @@ void refuse_unfit_file(const string &path) {
     std::ifstream(path, std::ios::binary).read(text.data(), status.st_size);
     if (nests_too_deep(text))
         throw cpptoml::parse_exception("nested too deep");
-}
-
-std::shared_ptr<cpptoml::base> find_element(const cpptoml::table &table, const char *key) {
-    try {
-        return table.get(key);
-    } catch (const std::out_of_range &) {
-        return nullptr;
-    }
-}
-
-// The text of a string element; null for any other kind.
-const string *string_text(const std::shared_ptr<cpptoml::base> &element) {
-    const auto value = std::dynamic_pointer_cast<cpptoml::value<string>>(element);
-    return value == nullptr ? nullptr : &value->get();
 }
 
 void read_text(const cpptoml::table &table, const char *key, string &text) {
@@ -77,6 +62,15 @@ void add_event_array(cpptoml::table_array &tables) {
 }
 
 } // namespace
+
+std::shared_ptr<cpptoml::base> find_element(const cpptoml::table &table, const char *key) {
+    return table.contains(key) ? table.get(key) : nullptr;
+}
+
+const string *string_text(const std::shared_ptr<cpptoml::base> &element) {
+    const auto value = std::dynamic_pointer_cast<cpptoml::value<string>>(element);
+    return value == nullptr ? nullptr : &value->get();
+}
 
 // Never counts too little. In cpptoml, parse_array consumes a "[" and parse_inline_table a "{" for
 // each call of itself, and each further table that a key or a section's name makes or enters

@@ -24,6 +24,12 @@ bool load_configuration();
 // the registry as it was.
 void add_event_table(const std::string &name, const std::shared_ptr<cpptoml::table> &table);
 
+// The element of a table under a key; null when there is none.
+std::shared_ptr<cpptoml::base> find_element(const cpptoml::table &table, const char *key);
+
+// The text of a string element; null for any other kind and for null.
+const std::string *string_text(const std::shared_ptr<cpptoml::base> &element);
+
 // May the values, keys and section names of the text nest deeper than the parser's stack carries?
 // True when one section has more than 5,000 of the bytes "[", "{" and ".", wherever they stand.
 bool nests_too_deep(std::string_view text);

@@ -28,9 +28,8 @@ bool RegexState::init_regex(const char *text) {
     compiled = pcre_compile(text, PCRE_CASELESS, &message, &offset, nullptr);
     if (compiled != nullptr)
         return true;
-    error = "Unable to compile regex. ";
-    error += "Error=" + std::string(message == nullptr ? "?" : message) + " at char " +
-             std::to_string(static_cast<unsigned long>(static_cast<long>(offset)));
+    error = std::string("Unable to compile regex. Error=") + (message == nullptr ? "?" : message) +
+            " at char " + std::to_string(static_cast<unsigned long>(offset));
     return false;
 }
 

@@ -61,10 +61,6 @@ bool move(int from_fd, const std::string &from, int to_fd, const std::string &to
     return renameat(from_fd, from.c_str(), to_fd, to.c_str()) == 0 || errno == ENOENT;
 }
 
-bool move_file(const item_place &from, const item_place &to) {
-    return move(from.dir_fd, from.file, to.dir_fd, to.file);
-}
-
 // The same for the item in place. Should the archive directory have been removed since it was
 // opened, that is ENOENT as well: the file that is there still must not be replaced.
 bool archive_file(const item_place &from, const item_place &to) {
@@ -83,15 +79,11 @@ bool move_metadata(const item_place &from, const item_place &to) {
            move(from.dir_fd, from.metadir, to.dir_fd, to.metadir);
 }
 
-// The local time of now; nothing when it cannot be told.
-std::optional<tm> capture_time() {
-    const time_t now = time(nullptr);
-    const tm *local = localtime(&now);
-    return local == nullptr ? std::nullopt : std::optional<tm>(*local);
-}
-
 std::string choose_archive_name(int archive_fd, const ItemContext &target) {
-    const std::optional<tm> captured = capture_time();
+    const time_t now = time(nullptr);
+    std::optional<tm> captured; // a copy: the library's own is overwritten by its next use
+    if (const tm *local = localtime(&now))
+        captured = *local;
     ItemMetadata list;
     const archive_base base =
         choose_archive_base(archive_fd, target.file_name(), read_original_name(target, list));
@@ -103,28 +95,23 @@ std::string choose_archive_name(int archive_fd, const ItemContext &target) {
 // Moves the item in place into the archive. False when something that was there could not be moved.
 bool archive_item(const item_place &in_place, unique_fd archive, const ItemContext &target) {
     const item_place archived = place_of(archive.get(), choose_archive_name(archive.get(), target));
-    bool moved = true;
-    if (!archive_file(in_place, archived)) {
+    const bool file_moved = archive_file(in_place, archived);
+    if (!file_moved)
         diag("Cannot move ARCHIVE file into directory, %s\n", strerror(errno));
-        moved = false;
-    }
-    if (!move_metadata(in_place, archived)) {
+    const bool metadata_moved = move_metadata(in_place, archived);
+    if (!metadata_moved)
         diag("Cannot move ARCHIVE file metadata into directory, %s\n", strerror(errno));
-        moved = false;
-    }
     archive.reset();
     diag("Existing file moved into ARCHIVE directory.\n");
-    return moved;
+    return file_moved && metadata_moved;
 }
 
 // Moves the new item into place. False when the file could not be moved; metadata that could not be
 // moved stays behind and is reported.
 bool move_new_item(const item_place &arriving, const item_place &in_place) {
-    bool moved = true;
-    if (!move_file(arriving, in_place)) {
+    const bool moved = move(arriving.dir_fd, arriving.file, in_place.dir_fd, in_place.file);
+    if (!moved)
         diag("Cannot move NEW file into directory, %s\n", strerror(errno));
-        moved = false;
-    }
     if (!move_metadata(arriving, in_place))
         diag("Cannot move NEW file metadata into directory, %s\n", strerror(errno));
     return moved;

@@ -20,7 +20,6 @@ install_packages() {
   is_installed() {
     [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
   }
-  is_offered() { apt-cache policy "$1" 2>/dev/null | grep -q 'Candidate: [^(]'; }
   for choice in "$@"; do
     for package in ${choice//|/ }; do
       is_installed "$package" && continue 2
@@ -30,16 +29,9 @@ install_packages() {
   [ "${#missing[@]}" -eq 0 ] && return
   require_root "installing packages"
   as_root apt-get update -qq
-  local wanted=()
-  for choice in "${missing[@]}"; do
-    for package in ${choice//|/ }; do
-      is_offered "$package" && wanted+=("$package") && continue 2
-    done
-    wanted+=("$choice")
-  done
-  echo "Installing: ${wanted[*]}"
+  echo "Installing: ${missing[*]}"
   as_root env DEBIAN_FRONTEND=noninteractive \
-    apt-get install -y -qq --no-install-recommends "${wanted[@]}" >/dev/null
+    apt-get satisfy -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
 build_packages=(g++ cmake ninja-build 'libpcre3-dev|libpcre2-dev' libcpptoml-dev

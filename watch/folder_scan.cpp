@@ -13,8 +13,7 @@
 
 void locate_target(ItemContext &target, const WatchEntry &entry) {
     target.set_file_location(entry.target_file);
-    if (target.dir_fd() < 0 && target.dir_path() != nullptr)
-        target.open_directory();
+    target.open_directory();
 }
 
 const char *why_not_scanned(const std::string &watch_realpath, const std::string &target_realpath) {
@@ -51,11 +50,6 @@ bool directories_validate(DIR *watch_dir, const ItemContext &target) {
     return reason == nullptr;
 }
 
-void deliver_first_candidate(DIR *watch_dir, ItemContext &target, const WatchEntry &entry) {
-    if (const char *name = next_candidate(watch_dir, entry))
-        deliver_file(watch_dir, name, target, entry);
-}
-
 } // namespace
 
 void check_watch_folder(const WatchEntry &entry) {
@@ -69,7 +63,8 @@ void check_watch_folder(const WatchEntry &entry) {
     ItemContext target;
     locate_target(target, entry);
     if (directories_validate(watch_dir.get(), target))
-        deliver_first_candidate(watch_dir.get(), target, entry);
+        if (const char *name = next_candidate(watch_dir.get(), entry))
+            deliver_file(watch_dir.get(), name, target, entry);
     target.close_file_handles();
     watch_dir.reset();
 }

@@ -30,10 +30,9 @@ struct args {
 
 // The outcome of a parse: true, or false with a message.
 struct parse_result {
-    explicit operator bool() const { return ok_; }
+    explicit operator bool() const { return message_.empty(); }
     const std::string &message() const { return message_; }
 
-    bool ok_ = true;
     std::string message_;
 };
 
@@ -74,27 +73,15 @@ struct opt {
     bool ends_parse_ = false; // a help flag: what follows it no longer matters
 };
 
-// A positional argument, which may be left out. The variable belongs to the caller.
-struct arg {
-    arg(std::string &value, std::string hint) : option_(value, std::move(hint)) {}
-
-    arg &operator()(const std::string &description) {
-        option_(description);
-        return *this;
-    }
-
-    opt option_;
-};
+// A positional argument, which may be left out: it has no name.
+using arg = opt;
 
 // The help flag, under its three customary names. Seen, it ends the parse with success.
-struct help {
-    explicit help(bool &flag) : option_(flag) {
-        option_["-?"]["-h"]["--help"];
-        option_.ends_parse_ = true;
-    }
-
-    opt option_;
-};
+inline opt help(bool &flag) {
+    opt option(flag);
+    option["-?"]["-h"]["--help"].ends_parse_ = true;
+    return option;
+}
 
 // The parser: options and arguments in the order in which the usage text shows them, each accepted
 // once.
@@ -104,21 +91,15 @@ public:
         options_.push_back(option);
         return *this;
     }
-    cli &add_argument(const arg &argument) { return add_argument(argument.option_); }
-    cli &add_argument(const help &option) {
-        description_ = "Display usage information.";
-        return add_argument(option.option_);
-    }
 
     // Sets the bound variables from left to right; those before a faulty argument stay set.
     parse_result parse(const args &arguments) {
-        const std::size_t slash = arguments.exe_name.find_last_of("/\\");
-        exe_name_ = arguments.exe_name.substr(slash == std::string::npos ? 0 : slash + 1);
+        exe_name_ = arguments.exe_name.substr(arguments.exe_name.find_last_of("/\\") + 1);
         std::vector<bool> seen(options_.size(), false);
         outcome at;
         while (at.next < arguments.arguments.size() && !at.ended && at.message.empty())
             parse_one(arguments.arguments, at, seen);
-        return {at.message.empty(), at.message};
+        return {at.message};
     }
 
 private:
@@ -211,12 +192,11 @@ private:
     }
 
     std::string exe_name_;
-    std::string description_;
     std::vector<opt> options_;
 };
 
-template<typename Argument> cli operator|(cli parser, const Argument &argument) {
-    return std::move(parser.add_argument(argument));
+inline cli operator|(cli parser, const opt &option) {
+    return std::move(parser.add_argument(option));
 }
 
 // The usage text of a parser, with the program name of its last parse.
@@ -226,8 +206,9 @@ inline std::ostream &operator<<(std::ostream &out, const cli &parser) {
     for (const opt &option : parser.options_)
         out << " [" << option.joined_names("|") << "]";
     out << "\n\n";
-    if (!parser.description_.empty())
-        out << parser.description_ << "\n\n";
+    for (const opt &option : parser.options_)
+        if (option.ends_parse_)
+            out << "Display usage information.\n\n";
     out << "OPTIONS, ARGUMENTS:\n";
     for (const opt &option : parser.options_) {
         const std::string names = option.joined_names(", ");

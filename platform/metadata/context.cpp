@@ -109,7 +109,7 @@ int metadata_v4_context_open_the_file(metadata_v4_context *context) {
 
 int metadata_v4_context_open_file_handles(metadata_v4_context *context) {
     metadata_v4_context_close_file_handles(context);
-    if (context->dir_path == nullptr || context->metadir_name == nullptr) {
+    if (context->metadir_name == nullptr) {
         errno = EINVAL;
         return -1;
     }

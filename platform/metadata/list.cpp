@@ -47,12 +47,10 @@ int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_co
     stored(list) = stored_list();
     return guarded(list, [&] {
         std::string raw;
-        file_owner owner{};
-        if (!read_metadata_file(context->metadir_fd, raw, owner) &&
+        if (!read_metadata_file(context->metadir_fd, raw, stored(list).owner) &&
             (for_writing == 0 || errno != ENOENT))
             return -1;
         stored(list).text = parse_metadata(std::move(raw));
-        stored(list).owner = owner;
         list->entry_count = stored(list).text.lines.size();
         if (for_writing != 0)
             list->descriptor = context->metadir_fd;

@@ -20,8 +20,7 @@ struct split_path {
 };
 
 split_path split(std::string_view path) {
-    const size_t slash = path.rfind('/');
-    const size_t start = slash == std::string_view::npos ? 0 : slash + 1;
+    const size_t start = path.rfind('/') + 1; // 0 without a slash
     return {path.substr(0, start), path.substr(start)};
 }
 

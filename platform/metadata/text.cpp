@@ -1,5 +1,6 @@
 #include "platform/metadata/text.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 #include <utility>
@@ -50,16 +51,12 @@ metadata_text parse_metadata(std::string raw) {
     // makes room for its NUL.
     text.decoded.reset(new char[text.raw.size() + 1]);
     char *out = text.decoded.get();
-    size_t begin = 0;
-    while (begin < text.raw.size()) {
-        const size_t newline = text.raw.find('\n', begin);
-        const size_t end = newline == std::string::npos ? text.raw.size() : newline;
-        const size_t next = newline == std::string::npos ? end : newline + 1;
-        if (end > begin) {
-            const std::string_view line(text.raw.data() + begin, end - begin);
+    for (size_t begin = 0, next = 0; begin < text.raw.size(); begin = next) {
+        const size_t end = std::min(text.raw.find('\n', begin), text.raw.size());
+        next = std::min(end + 1, text.raw.size());
+        const std::string_view line(text.raw.data() + begin, end - begin);
+        if (!line.empty())
             text.lines.push_back({decode_line(line, out), begin, next - begin, false});
-        }
-        begin = next;
     }
     return text;
 }

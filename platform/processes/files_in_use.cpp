@@ -41,15 +41,15 @@ unique_fd open_for_reading(int path_fd) {
 // A scanner that is asked before each opening (fanotify) still holds the descriptor that it was
 // given for ours, so a refusal is asked for again, on the same descriptor.
 bool take_lease(int fd) {
-    bool granted = fcntl(fd, F_SETLEASE, F_WRLCK) == 0;
     for (const long wait_ms : {1, 5}) {
-        if (granted || errno != EAGAIN)
-            break;
+        if (fcntl(fd, F_SETLEASE, F_WRLCK) == 0)
+            return true;
+        if (errno != EAGAIN)
+            return false;
         const timespec wait{0, wait_ms * 1000000};
         nanosleep(&wait, nullptr);
-        granted = fcntl(fd, F_SETLEASE, F_WRLCK) == 0;
     }
-    return granted;
+    return fcntl(fd, F_SETLEASE, F_WRLCK) == 0;
 }
 
 // Asks the kernel whether the file of an O_PATH descriptor is in use: would it grant a write lease?

@@ -31,8 +31,7 @@ bool maps_file(FILE *table, const file_identity &file, const std::string &overla
         unsigned int major_number = 0;
         unsigned int minor_number = 0;
         uint64_t inode = 0;
-        if (sscanf(line, "%*s %*s %*s %x:%x %" SCNu64, &major_number, &minor_number, &inode) != 3 ||
-            inode == 0)
+        if (sscanf(line, "%*s %*s %*s %x:%x %" SCNu64, &major_number, &minor_number, &inode) != 3)
             continue;
         const bool is_same_inode = inode == file.inode;
         if (overlay_name.empty()

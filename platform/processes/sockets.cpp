@@ -13,7 +13,6 @@
 #include <linux/unix_diag.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 namespace {
@@ -99,24 +98,20 @@ void report_no_answer(int error) {
 
 int32_t get_socket_server_pid(const char *path, int flags) {
     const unique_fd file(open(path, O_PATH | O_CLOEXEC));
-    struct stat status {};
     file_identity bound{};
     file_identity server{};
     if (!file)
         return means_absent(errno) ? -1 : 0;
-    if (fstat(file.get(), &status) != 0 || !identify_for_kernel(file.get(), bound))
+    if (!identify_for_kernel(file.get(), bound))
         return 0;
-    if (!S_ISSOCK(status.st_mode))
-        return -1;
     const unique_fd netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
-    const bool is_asked =
-        netlink && identify(netlink.get(), "", server) && request_sockets(netlink.get());
+    const bool is_asked = netlink && request_sockets(netlink.get());
     const int64_t inode = is_asked ? find_server_socket(netlink.get(), bound) : -1;
     if (inode < 0)
         report_no_answer(errno);
     if (inode == 0)
         return -1;
-    if (inode < 0 || (flags & SOCKET_SERVER_NO_PID) != 0)
+    if (inode < 0 || (flags & SOCKET_SERVER_NO_PID) != 0 || !identify(netlink.get(), "", server))
         return 0;
     server.inode = static_cast<ino_t>(inode);
     const pid_t process = find_process_with_open_file(server);
