@@ -23,8 +23,8 @@ namespace {
 
 using std::string;
 
-// What the entries before would have changed: for a name in a directory the original name of the
-// item that they put there, "" where they take one away.
+// What earlier entries of the pass would change: for a name in a directory, the original name of
+// the item put there, or "" where one is moved away.
 using place = std::tuple<dev_t, ino_t, string>;
 using changed_places = std::map<place, string>;
 
@@ -144,7 +144,7 @@ string delivery_text(const known_entry &known, const folder &watch, const ItemCo
     bool has_slash = false;
     const string original_name = is_new ? change->second : original_name_in(list, has_slash);
     archive_base base = choose_archive_base(archive.fd, own, original_name);
-    // What every directory has, and what none can have, is never free.
+    // Where ARCHIVE is yet to be made nothing was looked up; these count as taken there too.
     base.needs_suffix |= base.name == "." || base.name == ".." || base.name.size() > NAME_MAX ||
                          changes.count(place_in(in_place, "ARCHIVE/" + base.name)) > 0;
     const string suffix = archive_suffix({}, monotonic_clock_us());

@@ -27,8 +27,8 @@ constexpr uint64_t long_uptime_us = 999999999999999;
 
 // Asks with the effective user and its capabilities; a read-only file system is an answer too.
 int rename_error_of(int fd) {
-    // No directory gets a second name. Before that is refused comes what a mount says that does not
-    // map the user.
+    // A hard link to a directory is always refused. An id-mapped mount that does not map the user
+    // gives EOVERFLOW before that.
     if (linkat(fd, ".", fd, ".no second name", 0) != 0 && errno == EOVERFLOW)
         return EOVERFLOW;
     return faccessat(fd, ".", W_OK | X_OK, AT_EACCESS) == 0 ? 0 : errno;

@@ -23,7 +23,7 @@ constexpr char watch_key[] = "watch path";
 constexpr char pattern_key[] = "match pattern";
 constexpr char target_key[] = "target file";
 
-// The regular expressions of the standard library call themselves for each character.
+// std::regex recurses for each character.
 constexpr size_t longest_judged = 200;
 
 // The elements of a table in the order of their keys; the table itself keeps none.
@@ -39,7 +39,7 @@ bool is_container(const element &item) {
     return item->is_table() || item->is_table_array();
 }
 
-// What [event.news] makes of "event".
+// [event.news] makes a table "event" that holds only tables.
 bool has_only_tables(const cpptoml::table &table) {
     return !table.empty() && std::all_of(table.begin(), table.end(), [](const auto &item) {
         return is_container(item.second);

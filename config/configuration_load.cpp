@@ -78,13 +78,13 @@ const string *string_text(const std::shared_ptr<cpptoml::base> &element) {
 // taken off again. Only the release of what was made can go deeper, twice as deep at most: a
 // section may enter arrays of tables, two levels for a ".", that another one made.
 //
-// To start again at a line "[event" or "[[event" is safe. Outside of a value the line is the name
-// of a section, which parse() looks up from the root, with no call open. Within an array, the one
-// value that goes on over lines besides a string, the parser throws at this line: no value begins
-// with "e" (determine_value_type), and an array of scalars that lacks its "]" takes the first "["
-// for it, which its caller then finds followed by "e" or "[" (eol_or_comment, parse_object_array,
-// parse_inline_table). Only within a multi-line string is the line mere text, and parse_string
-// begins one at three equal quotation marks only.
+// To start again at a line "[event" or "[[event", also after blanks, is safe. Outside of a value
+// the line is the name of a section, which parse() looks up from the root, with no call open.
+// Within an array, the one value that goes on over lines besides a string, the parser throws at
+// this line: no value begins with "e" (determine_value_type), and an array of scalars that lacks
+// its "]" takes the first "[" for it, which its caller then finds followed by "e" or "["
+// (eol_or_comment, parse_object_array, parse_inline_table). Only within a multi-line string is the
+// line mere text, and parse_string begins one at three equal quotation marks only.
 bool nests_too_deep(std::string_view text) {
     constexpr auto none = std::string_view::npos;
     size_t count = 0;
@@ -92,7 +92,9 @@ bool nests_too_deep(std::string_view text) {
     for (size_t begin = 0, end = 0; begin < text.size(); begin = end + 1) {
         end = std::min(text.find('\n', begin), text.size());
         const std::string_view line = text.substr(begin, end - begin);
-        if (!may_be_in_string && (line.substr(0, 6) == "[event" || line.substr(0, 7) == "[[event"))
+        const std::string_view word =
+            line.substr(std::min(line.find_first_not_of(" \t"), line.size()));
+        if (!may_be_in_string && (word.substr(0, 6) == "[event" || word.substr(0, 7) == "[[event"))
             count = 0;
         for (const char c : line)
             count += c == '[' || c == '{' || c == '.' ? 1 : 0;

@@ -1,7 +1,8 @@
 // The configuration file: each of its event tables becomes a watch entry.
 //
-// Prints: one line for each section added, refused or ignored as a duplicate, or for a file that
-//         could not be read.
+// Prints: "table array", "Added section '%s'", "Warning: Duplicate section '%s'", "Warning: Invalid
+//         section '%s'" with the entry; for a file that cannot be read "%s: %s", "%s: TOML parse
+//         error: %s" or "%s: did not return anything".
 #ifndef CONFIG_CONFIGURATION_LOAD_H
 #define CONFIG_CONFIGURATION_LOAD_H
 

@@ -61,8 +61,8 @@ bool move(int from_fd, const std::string &from, int to_fd, const std::string &to
     return renameat(from_fd, from.c_str(), to_fd, to.c_str()) == 0 || errno == ENOENT;
 }
 
-// The same for the item in place. Should the archive directory have been removed since it was
-// opened, that is ENOENT as well: the file that is there still must not be replaced.
+// The same for the item in place. ENOENT also means that the archive directory was removed after it
+// was opened; a file that is still in place must then not be replaced.
 bool archive_file(const item_place &from, const item_place &to) {
     if (renameat(from.dir_fd, from.file.c_str(), to.dir_fd, to.file.c_str()) == 0)
         return true;
@@ -79,12 +79,11 @@ bool move_metadata(const item_place &from, const item_place &to) {
            move(from.dir_fd, from.metadir, to.dir_fd, to.metadir);
 }
 
-std::string choose_archive_name(int archive_fd, const ItemContext &target) {
+std::string choose_archive_name(int archive_fd, const ItemContext &target, ItemMetadata &list) {
     const time_t now = time(nullptr);
     std::optional<tm> captured; // a copy: the library's own is overwritten by its next use
     if (const tm *local = localtime(&now))
         captured = *local;
-    ItemMetadata list;
     const archive_base base =
         choose_archive_base(archive_fd, target.file_name(), read_original_name(target, list));
     return base.needs_suffix && captured
@@ -94,7 +93,9 @@ std::string choose_archive_name(int archive_fd, const ItemContext &target) {
 
 // Moves the item in place into the archive. False when something that was there could not be moved.
 bool archive_item(const item_place &in_place, unique_fd archive, const ItemContext &target) {
-    const item_place archived = place_of(archive.get(), choose_archive_name(archive.get(), target));
+    ItemMetadata list;
+    const item_place archived =
+        place_of(archive.get(), choose_archive_name(archive.get(), target, list));
     const bool file_moved = archive_file(in_place, archived);
     if (!file_moved)
         diag("Cannot move ARCHIVE file into directory, %s\n", strerror(errno));

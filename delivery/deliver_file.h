@@ -19,7 +19,8 @@ refusal why_refused(const char *name, const ItemContext &target, const WatchEntr
 // move is a rename within the opened directories. A file that is refused, or whose predecessor
 // cannot be archived whole, stays in the watch folder. Prints the refusal, or "Checking found file
 // '%s' to replace '%s'", "Existing file moved into ARCHIVE directory.", what reading and recording
-// the original name print, and a line for each move that failed.
+// the original name print, and "Cannot make ARCHIVE directory, %s", "Cannot access ARCHIVE
+// directory, %s" or a line "Cannot move ..., %s" for each step that failed.
 void deliver_file(DIR *watch_dir, const char *name, ItemContext &target, const WatchEntry &entry);
 
 #endif

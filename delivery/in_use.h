@@ -13,7 +13,7 @@ std::optional<std::string> read_marker(const ItemContext &item);
 
 // Does the metadata directory, opened beforehand, hold an active-socket marker: a regular file, or
 // a symbolic link to a socket that a living process serves? A marker that cannot be examined counts
-// as none; a socket of which it cannot be told who serves it counts as served.
+// as none; a socket whose server cannot be found out counts as served.
 bool is_item_running(const ItemContext &item);
 
 // Does any process hold the file open? True also when that cannot be told.

@@ -14,7 +14,7 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 if [ "${BENCH_NAMESPACE:-}" != own ]; then
   install_packages "${build_packages[@]}" libbenchmark-dev psmisc gnuplot-nox
-    build_in build-bench -DCMAKE_BUILD_TYPE=Release -DVEL4_BENCHMARKS=ON -DBUILD_TESTING=OFF
+  build_in build-bench -DCMAKE_BUILD_TYPE=Release -DVEL4_BENCHMARKS=ON -DBUILD_TESTING=OFF
   BENCH_NAMESPACE=own exec unshare --mount --propagation private "$0" "$@"
 fi
 

@@ -2,13 +2,14 @@
 //
 // Units:  microseconds of the monotonic clock.
 // Prints: "Reloading config, SIGHUP", "Warning: Configuration load failure",
-//         "Check not completed, %s".
+//         "Check not completed, %s". A reload also writes a record to syslog.
 #ifndef SERVICE_MAIN_LOOP_H
 #define SERVICE_MAIN_LOOP_H
 
 #include <cstdint>
 #include <string>
 
+// The time between two checks, and when the next is due.
 extern uint64_t check_interval_us;
 extern uint64_t next_check_us;
 

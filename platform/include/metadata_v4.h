@@ -83,8 +83,8 @@ int metadata_v4_context_open_the_file(metadata_v4_context *context);
 
 // Closes what is open and opens the directory, the file, as above, and the metadata directory.
 // Fails when the file is not there; it then makes nothing. A directory that is made belongs to the
-// owner and group of the file where that may be set, and is readable to whom the file is. What was
-// opened before a failure stays open.
+// user of the process, and is readable to whom the file is, less the umask. What was opened before
+// a failure stays open.
 int metadata_v4_context_open_file_handles(metadata_v4_context *context);
 
 // Closes every descriptor in the context. Keeps errno.

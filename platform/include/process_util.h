@@ -13,7 +13,8 @@ uint64_t monotonic_clock_us(void);
 // Unblocks SIGHUP, SIGINT, SIGTERM and SIGQUIT, which a parent may have left blocked.
 void util_check_and_unmask_common_signals(void);
 
-// Writes a line "fd N: TARGET" for each open descriptor of the process to the stream.
+// Writes a line "fd N: TARGET" for each open descriptor of the process to the stream; nothing
+// when they cannot be listed.
 void fd_debug_dump_open_files(FILE *stream);
 }
 

@@ -46,16 +46,18 @@ int open_directory_at(int at, const char *name) {
     return openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
-// Makes and opens the metadata directory, readable to whom the file is, with its owner and group.
+// Makes and opens the metadata directory, readable to whom the file is. Its owner stays that of the
+// process: by the time it is opened, somebody may have put another directory under the name.
 int make_metadir(metadata_v4_context *context) {
     struct stat file {};
-    if (fstat(context->file_fd, &file) != 0 ||
-        mkdirat(context->dir_fd, context->metadir_name, 0700) != 0)
+    if (fstat(context->file_fd, &file) != 0)
+        return -1;
+    const mode_t readers = file.st_mode & (S_IRGRP | S_IROTH);
+    const mode_t mode = S_IRWXU | readers | (readers >> 2);
+    if (mkdirat(context->dir_fd, context->metadir_name, mode) != 0)
         return -1;
     context->metadir_fd = open_directory_at(context->dir_fd, context->metadir_name);
-    const mode_t readers = file.st_mode & (S_IRGRP | S_IROTH);
-    const file_owner owner{S_IRWXU | readers | (readers >> 2), file.st_uid, file.st_gid};
-    return context->metadir_fd >= 0 && set_owner(context->metadir_fd, owner) ? 0 : -1;
+    return context->metadir_fd >= 0 ? 0 : -1;
 }
 
 } // namespace

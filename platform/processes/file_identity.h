@@ -15,8 +15,8 @@ inline bool operator==(const file_identity &a, const file_identity &b) {
 }
 
 // The identity of the file that a name leads to, links followed, or, with an empty name, of the
-// descriptor's own file. Taken from what the kernel has at hand: a file on a dead network server
-// must not hold anybody up. False with errno.
+// descriptor's own file. No network server is asked: one that is down must not hold the caller
+// up. False with errno.
 [[nodiscard]] bool identify(int at, const char *name, file_identity &identity);
 
 // The identity of a descriptor's file as the kernel itself has it, in tables of mappings and of

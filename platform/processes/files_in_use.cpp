@@ -5,8 +5,10 @@
 #include "platform/processes/process_walk.h"
 
 #include <algorithm>
+#include <climits>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <initializer_list>
@@ -92,8 +94,8 @@ int procfs_path_in_use(const char *path, procfs_path_in_use_info *info, unsigned
     // O_PATH: no device is opened, no FIFO waited for, and the descriptor does not count as an
     // open.
     const unique_fd file(open(path, O_PATH | O_CLOEXEC));
-    if (!file)
-        return means_absent(errno) ? 0 : 1;
+    if (!file) // a path too long as a whole may name a file that is there
+        return means_absent(errno) && strlen(path) < PATH_MAX ? 0 : 1;
     const lease_answer answer = ask_for_write_lease(file.get());
     if (answer == lease_answer::unused)
         return 0;

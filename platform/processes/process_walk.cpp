@@ -42,7 +42,7 @@ bool has_ended(int error) {
 }
 
 // The process neither ended nor refused: the service or the machine is short of something. What
-// could not be looked at counts as held, since a file that waits is better than one cut short.
+// could not be looked at counts as held.
 bool is_unknown(int error) {
     return !has_ended(error) && !is_refusal(error);
 }
@@ -80,7 +80,7 @@ void report_blindness(const char *process, int error) {
     reported = true;
 }
 
-// Descriptors opened with O_PATH do not. Their links have neither mode bit.
+// A descriptor opened with O_PATH is no use of the file. Its link has neither mode bit.
 bool counts_as_open(int descriptors, const char *number) {
     struct stat link {};
     return fstatat(descriptors, number, &link, AT_SYMLINK_NOFOLLOW) != 0 ||
@@ -118,8 +118,8 @@ memory look_at_memory(const search &wanted, const std::string &task) {
     } else if (has_ended(errno)) {
         return memory::none;
     }
-    // Of the two only this is refused for the sake of the memory alone: a kernel thread and a
-    // process that has ended may be asked by anybody.
+    // Anybody may open this table of a task without memory, so a refusal means memory that may not
+    // be looked at. A refusal of exe does not say that.
     const unique_file mappings = open_table(wanted.proc, task + "/maps");
     if (mappings == nullptr) {
         if (!is_refusal(errno))
