@@ -1,30 +1,42 @@
-// What the tests share: a temporary tree, its picture as text, and what was written to standard
-// error.
+// What the tests share: rows, temporary trees and their pictures, output, other processes, mounts.
 #ifndef TESTS_SUPPORT_H
 #define TESTS_SUPPORT_H
 
 #include "base/handles.h"
 
-#include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <functional>
+#include <gtest/gtest.h>
 #include <map>
-#include <numeric>
-#include <set>
-#include <sstream>
-#include <string>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <vector>
 
 namespace fs = std::filesystem;
+
+struct row_test : testing::Test {
+    explicit row_test(std::function<void()> check) : check_row(std::move(check)) {}
+    void TestBody() override { check_row(); }
+    std::function<void()> check_row;
+};
+
+// A test for each row of an array, listed and run alone under the row's name.
+template<typename Rows, typename Check>
+bool register_rows(const char *suite, const Rows &rows, Check check) {
+    for (const auto &row : rows)
+        testing::RegisterTest(suite, row.name, nullptr, nullptr, __FILE__, __LINE__,
+                              [&row, check]() -> testing::Test * {
+                                  return new row_test([&row, check] { check(row); });
+                              });
+    return true;
+}
 
 inline std::string read_file(const fs::path &path) {
     std::ifstream in(path, std::ios::binary);
@@ -37,57 +49,72 @@ inline void write_file(const fs::path &path, const std::string &text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
-// Every file below a folder, sorted, one a line: "name=content", a link "name -> text"; of the
-// folders the empty ones, "name/".
-inline std::string tree_of(const fs::path &root) {
-    std::set<std::string> lines;
-    for (const auto &item : fs::recursive_directory_iterator(root)) {
-        const std::string name = item.path().lexically_relative(root).string();
-        if (item.is_symlink())
-            lines.insert(name + " -> " + fs::read_symlink(item.path()).string() + "\n");
-        else if (!item.is_directory())
-            lines.insert(name + "=" + (item.is_regular_file() ? read_file(item.path()) : "?") +
-                         "\n");
-        else if (fs::is_empty(item))
-            lines.insert(name + "/\n");
-    }
-    return std::accumulate(lines.begin(), lines.end(), std::string());
-}
-
 inline std::string replaced(std::string text, const std::string &what, const std::string &by) {
     for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size())
         text.replace(at, what.size(), by);
     return text;
 }
 
-// Paths with their contents: "-> TEXT" is a symbolic link, a path that ends in a slash a folder.
-using file_tree = std::vector<std::pair<std::string, std::string>>;
+inline testing::AssertionResult has(const std::string &text, const std::string &part) {
+    return testing::AssertionResult(text.find(part) != std::string::npos) << text;
+}
+
+// A new folder, removed with all that is in it.
+struct temporary_tree {
+    explicit temporary_tree(const fs::path &where = fs::temp_directory_path()) {
+        std::string name = (where / "watch-folder-test-XXXXXX").string();
+        root = fs::canonical(mkdtemp(name.data()));
+    }
+    temporary_tree(const temporary_tree &) = delete;
+    temporary_tree &operator=(const temporary_tree &) = delete;
+    ~temporary_tree() { fs::remove_all(root); }
+    std::string operator/(const std::string &name) const { return root / name; }
+    fs::path root;
+};
+
+// Paths with their contents: "-> TEXT" is a symbolic link, "?" a socket that nobody serves, a path
+// that ends in a slash an empty folder.
+using file_tree = std::map<std::string, std::string>;
 
 inline void make_tree(const fs::path &root, const file_tree &files) {
     for (const auto &[name, content] : files) {
         fs::create_directories((root / name).parent_path());
         if (content.compare(0, 3, "-> ") == 0)
             fs::create_symlink(content.substr(3), root / name);
+        else if (content == "?")
+            mknod((root / name).c_str(), S_IFSOCK | 0600, 0);
         else if (name.back() != '/')
             write_file(root / name, content);
     }
 }
 
-// What tree_of shows of such a tree.
-inline std::string picture(const file_tree &files) {
-    std::set<std::string> lines;
-    for (const auto &[name, content] : files)
-        lines.insert(name +
-                     (name.back() == '/'                  ? ""
-                      : content.compare(0, 3, "-> ") == 0 ? " " + content
-                                                          : "=" + content) +
-                     "\n");
-    return std::accumulate(lines.begin(), lines.end(), std::string());
+inline file_tree tree_of(const fs::path &root) {
+    file_tree files;
+    for (const auto &item : fs::recursive_directory_iterator(root)) {
+        const std::string name = item.path().lexically_relative(root);
+        if (item.is_symlink())
+            files[name] = "-> " + fs::read_symlink(item).string();
+        else if (!item.is_directory())
+            files[name] = item.is_regular_file() ? read_file(item) : "?";
+        else if (fs::is_empty(item))
+            files[name + "/"] = "";
+    }
+    return files;
 }
 
-inline size_t open_descriptors() {
-    const fs::directory_iterator all("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(all), end(all)));
+// What a function writes to a descriptor.
+template<typename Run> std::string output_of(Run run, int fd = STDERR_FILENO) {
+    const unique_fd saved(dup(fd)), memory(memfd_create("output", MFD_CLOEXEC));
+    fflush(nullptr);
+    dup2(memory.get(), fd);
+    run();
+    fflush(nullptr);
+    dup2(saved.get(), fd);
+    return read_file("/proc/self/fd/" + std::to_string(memory.get()));
+}
+
+inline auto open_descriptors() {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
 }
 
 // A socket that is bound to a name. Nobody listens yet.
@@ -95,55 +122,15 @@ inline unique_fd bound_socket(const std::string &path, int type) {
     unique_fd fd(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
     sockaddr_un address{AF_UNIX, ""};
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    if (bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
-        abort();
+    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
     return fd;
 }
 
-// A new folder, removed with all that is in it.
-class temporary_tree {
-public:
-    explicit temporary_tree(const fs::path &where = fs::temp_directory_path()) {
-        std::string name = (where / "watch-folder-test-XXXXXX").string();
-        root = mkdtemp(name.data());
-    }
-    temporary_tree(const temporary_tree &) = delete;
-    temporary_tree &operator=(const temporary_tree &) = delete;
-    ~temporary_tree() { fs::remove_all(root); }
-
-    fs::path operator/(const std::string &name) const { return root / name; }
-
-    fs::path root;
-};
-
-// Takes what goes to a descriptor, standard error by default, until it is destroyed.
-class captured_output {
-public:
-    explicit captured_output(int fd = STDERR_FILENO)
-        : fd_(fd), saved_(dup(fd)), memory_(memfd_create("captured", MFD_CLOEXEC)) {
-        fflush(nullptr);
-        dup2(memory_.get(), fd_);
-    }
-    ~captured_output() { dup2(saved_.get(), fd_); }
-
-    std::string text() const {
-        fflush(nullptr);
-        return read_file("/proc/self/fd/" + std::to_string(memory_.get()));
-    }
-
-private:
-    int fd_;
-    unique_fd saved_;
-    unique_fd memory_;
-};
-
 // A child that runs a function, or what that executes, and stays until it is destroyed.
-class child_process {
-public:
+struct child_process {
     template<typename Start> explicit child_process(Start start) {
         int ready[2];
-        if (pipe2(ready, O_CLOEXEC) != 0)
-            abort();
+        EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
         const unique_fd reader(ready[0]);
         unique_fd writer(ready[1]);
         pid = fork();
@@ -156,8 +143,7 @@ public:
         }
         writer.reset();
         char none = 0;
-        while (read(reader.get(), &none, 1) < 0) {
-        } // the end of the pipe: start() has returned
+        EXPECT_EQ(read(reader.get(), &none, 1), 0) << "start() returns or executes";
     }
     child_process(const child_process &) = delete;
     child_process &operator=(const child_process &) = delete;
@@ -167,5 +153,21 @@ public:
     }
     pid_t pid;
 };
+
+// Covers a folder with an empty one, for this process and its children only. An ordinary user needs
+// a user namespace for it. False where that is not allowed.
+inline bool mount_empty(const char *path) {
+    static const bool entered = [] {
+        const std::string user = std::to_string(geteuid()), group = std::to_string(getegid());
+        if (user != "0" && unshare(CLONE_NEWUSER) == 0) {
+            write_file("/proc/self/setgroups", "deny");
+            write_file("/proc/self/uid_map", "0 " + user + " 1");
+            write_file("/proc/self/gid_map", "0 " + group + " 1");
+        }
+        return unshare(CLONE_NEWNS) == 0 &&
+               mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    }();
+    return entered && mount("none", path, "tmpfs", 0, "mode=755") == 0;
+}
 
 #endif
