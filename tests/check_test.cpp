@@ -1,12 +1,10 @@
 // The check program: the finding for each mistake, and the announcement of a pass.
 #include "check/check.h"
-#include "check/entry_rules.h"
 #include "config/configuration_load.h"
+#include "config/watch_entry.h"
 #include "service/main_storage.h"
 #include "tests/support.h"
 #include "watch/watch_pass.h"
-
-#include <linux/magic.h>
 
 namespace {
 
@@ -61,25 +59,15 @@ const struct mistake {
     {"BlankInKey", "\nwatch path = 1\n", "  line 2: watch path = 1\nError: File '@/f.toml' cannot"},
     {"DottedSection", good + "[event.news]\n'x'=''",
      "of its dot: write [event_news]\nEntries: 1, errors: 1"},
-    {"UpperCase", good + "[Event_News]", "its name must begin with 'event', in lower case"},
     {"UnknownKey", good + "'target'=''", "key 'target' is ignored, the keys are 'watch path',"},
     {"KeyOfAnotherKind", "[event1]\n'watch path'=1", "'watch path' is not one text in"},
-    {"TwoOfOneName", "[[event]]\n[eventarrayitem0]", "one of them is dropped"},
-    {"PatternDoesNotCompile", pattern("'('"), "pattern '(', the section is dropped: Unable"},
     {"ShellPattern", pattern("'news*.mxf'"), "is '^news.*[.]mxf$' meant?"},
     {"NoEnd", pattern("'x.(mov|mxf)'"), "is 'x[.](mov|mxf)$' meant?"},
     {"SoundPatterns", pattern(R"(['', '^a[0-9]*[.]mxf$', '\d*.*x$', 'jpe?g$'])"), "warnings: 0"},
-    {"RelativePath", replaced(good, "'@/in'", "'in'"), "must be absolute: begin it with '/'\nEnt"},
-    {"NoWatchFolder", entry("event1", "no", "'m$'", "out/a"), "open watch path '@/no', No such"},
     {"Outside", entry("event1", "link", "'m$'", "out/a"), "'@/link' is '/', not below the"},
-    {"NoFileName", target("out/"), "target file '@/out/' has no file name"},
-    {"ArchiveIsNoDirectory", target("bad/a"), "ARCHIVE directory '@/bad/ARCHIVE', Not a"},
-    {"TargetIsFolder", target("out/dir"), "the target is no regular file"},
     {"LongName", target("out/" + std::string(247, 'x')),
      "name has 247 bytes, from 247 on it is delivered once"},
-    {"OwnTarget", entry("event1", "out", "'a$'", "out/a"), "takes the target 'a' of"},
     {"SharedTarget", shared, "'event1': target file '@/out/a' is that of entry 'event0' too"},
-    {"SharedFolder", shared, "'event1': watch path '@/in' is that of entry 'event0' too"},
 };
 
 const bool registered = register_rows("Mistake", mistakes, [](const mistake &row) {
@@ -87,25 +75,6 @@ const bool registered = register_rows("Mistake", mistakes, [](const mistake &row
 });
 
 } // namespace
-
-TEST(Check, RemoteFileSystemsAndMounts) {
-    const storage main;
-    main.check(good);
-    known_entry known = collect_facts(configuration["event1"]);
-    known.target.mount += 1;
-    known.watch.type = NFS_SUPER_MAGIC;
-    known.watch.rename_error = EROFS;
-    const std::string lines = output_of([&] { judge_entry(known); });
-    for (const char *part :
-         {"cannot rename in watch path", "' is on NFS: ", "are on two file systems or mounts, "})
-        EXPECT_TRUE(has(lines, part));
-}
-
-TEST(Check, LoadDoesNotJudgeTheDisk) {
-    const check_options load{"", "", true, false};
-    EXPECT_TRUE(has(storage().check(entry("event2", "no", "'m$'", "no/a"), load), "errors: 0, w"));
-    EXPECT_TRUE(has(storage().check("[event1]\n", load), "nothing to watch"));
-}
 
 // The announcement of a pass, and what the pass then makes of it.
 TEST(Check, DryRunSaysWhatThePassDoes) {
@@ -135,18 +104,9 @@ TEST(Check, DryRunSaysWhatThePassDoes) {
 }
 
 TEST(Check, CommandLine) {
-    const std::pair<std::vector<const char *>, const char *> rows[] = {
-        {{"c", "f", "--load", "--dry-run"}, "|f11 "},
-        {{"c", "-ln", "-d", "t"}, "t|11 "},
-        {{"c", "f", "g"}, "|f00 Error in command line: Unrecognized token: g\n"},
-        {{"c", "f", "-dt"}, "t|f00 Error in command line: Either a directory or a file\n"}};
-    for (const auto &[words, expected] : rows) {
-        check_options options;
-        const std::string output = output_of([&, &words = words] {
-            parse_check_command_line(static_cast<int>(words.size()), words.data(), options);
-        });
-        EXPECT_EQ(options.dir + "|" + options.file + std::to_string(options.load_only) +
-                      std::to_string(options.dry_run) + " " + output,
-                  expected);
-    }
+    const char *words[] = {"check", "f", "-ln", "-dt"};
+    check_options options;
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(parse_check_command_line(4, words, options), 1); }),
+              "Error in command line: Either a directory or a file\n");
+    EXPECT_TRUE(options.dir == "t" && options.file == "f" && options.load_only && options.dry_run);
 }

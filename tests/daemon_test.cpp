@@ -11,7 +11,6 @@ constexpr char config_path[] = "/etc/vel4_watch_folder.toml";
 constexpr char pid_path[] = "/run/vel4_watch_folder_service.pid";
 const std::string event = "[event]\n'watch path' = '/mnt/main/in'\n'match pattern' = 'wav$'\n"
                           "'target file' = '/mnt/main/play/t.wav'\n";
-const unique_fd full_device(open("/dev/full", O_WRONLY | O_CLOEXEC)); // before /dev is covered
 
 class Daemon : public testing::Test {
 protected:
@@ -204,24 +203,20 @@ TEST_F(Daemon, WorksOnAFolderTree) {
     EXPECT_EQ(read_file("/mnt/main/Play/A"), "1");
 }
 
-// What hinders the service to write costs lines and nothing else.
+// Closed descriptors, a closed pipe and a file that may not grow cost lines and nothing else.
 TEST_F(Daemon, DeliversWhereItCannotWriteLines) {
-    using preparation = void (*)();
-    for (const preparation prepare :
-         {preparation([] {}), preparation([] { closefrom(0); }), preparation([] {
-              for (const int fd : {STDOUT_FILENO, STDERR_FILENO})
-                  dup2(full_device.get(), fd);
-          }),
-          preparation([] {
-              dup2(STDOUT_FILENO, STDERR_FILENO);
-              const rlimit none{0, 0};
-              setrlimit(RLIMIT_FSIZE, &none);
-          })}) {
+    void (*const preparations[])() = {[] { closefrom(0); }, [] {},
+                                      [] {
+                                          dup2(STDOUT_FILENO, STDERR_FILENO);
+                                          const rlimit none{0, 0};
+                                          setrlimit(RLIMIT_FSIZE, &none);
+                                      }};
+    for (const auto prepare : preparations) {
         fs::remove_all("/mnt/storage/play");
-        make_tree("/",
-                  {{config_path, event}, {"mnt/main/in/new.wav", "new"}, {"mnt/main/play/", ""}});
+        make_tree("/mnt/main", {{"in/new.wav", "new"}, {"play/", ""}});
+        write_file(config_path, event);
         daemon_process daemon({}, prepare);
-        daemon.reader.reset(); // a closed pipe, where it is one
+        daemon.reader.reset();
         for (int tries = 0; tries < 10000 && !fs::exists("/mnt/main/play/t.wav"); ++tries)
             usleep(1000); // it sends no event
         EXPECT_EQ(daemon.stop(SIGINT), 0);

