@@ -322,7 +322,7 @@ void run_all(const scenario &row, bool kills) {
             }
     }
     std::cout << runs << " runs\n";
-    EXPECT_GE(runs, 200 / every);
+    EXPECT_GE(runs, (kills ? 150U : 300U) / every);
     EXPECT_TRUE(kills || every > 1 || has(lines, row.line));
 }
 
