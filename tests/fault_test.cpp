@@ -125,23 +125,18 @@ uint64_t monotonic_clock_us() {
 extern "C" void syslog(int, const char *, ...) {} // nothing goes into the machine's log
 
 // Not inlined: the compiler would take malloc and delete, or new and free, for a mismatch.
-[[gnu::noinline]] void *operator new(size_t size, const std::nothrow_t &) noexcept {
-    return begin_call("operator new") > 0 ? nullptr : malloc(size);
-}
-
 [[gnu::noinline]] void *operator new(size_t size) {
-    void *memory = operator new(size, std::nothrow);
-    if (memory == nullptr)
+    if (begin_call("operator new") > 0)
         throw std::bad_alloc();
-    return memory;
+    return malloc(size);
 }
 
 [[gnu::noinline]] void operator delete(void *memory) noexcept {
     free(memory);
 }
 
-[[gnu::noinline]] void operator delete(void *memory, size_t) noexcept {
-    free(memory);
+void operator delete(void *memory, size_t) noexcept {
+    operator delete(memory);
 }
 
 namespace {
@@ -151,6 +146,8 @@ const std::string metadata_in_place = "play/.t.mxf.metadir/metadata";
 const std::string old_metadata = "original filename=old.mxf\ncodec=a\\nb\n";
 const std::string new_metadata = "title=evening\n\nno value\n";
 const std::string recorded = "original filename=n.mxf\n";
+const std::string event = "[event]\n'watch path' = '@/watch'\n'match pattern' = ['x', "
+                          "'mxf$']\n'target file' = '@/play/t.mxf'\n";
 const file_tree replacement = {{in_place, "the old media"},
                                {metadata_in_place, old_metadata},
                                {"watch/.n.mxf.metadir/metadata", new_metadata}};
@@ -209,24 +206,20 @@ std::string place_of(const file_tree &files, const std::string &content) {
 // Both files and their metadata are there, whole and once.
 void expect_whole(const fs::path &root, const scenario &row, bool has_ended, bool was_killed) {
     const file_tree files = tree_of(root);
-    const std::string lines = read_file(root / "errors");
     const std::string new_file = place_of(files, "the new media");
     EXPECT_TRUE(new_file == in_place || (!has_ended && new_file == arriving)) << new_file;
     const bool is_recorded =
         read_file(root / metadata_in_place).find(recorded) != std::string::npos;
     EXPECT_FALSE(is_recorded && new_file == arriving);
-    EXPECT_TRUE(is_recorded || !has_ended || was_killed || has(lines, "Target meta save fail\n"));
+    EXPECT_TRUE(is_recorded || !has_ended || was_killed ||
+                has(read_file(root / "errors"), "Target meta save fail\n"));
     if (row.before.count(in_place) == 0)
         return;
-    const fs::path old_file = place_of(files, "the old media");
-    EXPECT_TRUE(old_file.parent_path() == "play/ARCHIVE" || (!has_ended && old_file == in_place))
+    const std::string old_file = place_of(files, "the old media");
+    EXPECT_TRUE(old_file.find("play/ARCHIVE/") == 0 || (!has_ended && old_file == in_place))
         << old_file;
-    const std::string old_list = place_of(files, old_metadata);
-    EXPECT_NE(old_list, "");
+    EXPECT_NE(place_of(files, old_metadata), "");
     EXPECT_NE(place_of(files, new_metadata) + place_of(files, new_metadata + recorded), "");
-    EXPECT_TRUE(!has_ended || was_killed || has(lines, "Cannot move ") ||
-                old_list == old_file.parent_path() /
-                                ("." + old_file.filename().string() + ".metadir/metadata"));
 }
 
 // The exit status of a process that runs the function, and that fails where a check in it does.
@@ -245,101 +238,80 @@ template<typename Run> int status_of(Run run) {
 
 // Three lives: with the fault, to end the delivery, and with another file. What the first printed.
 std::string run_one(const scenario &row, const fault &fault) {
-    SCOPED_TRACE(std::string(fault.call) + " no. " + std::to_string(fault.nth) + ": " +
-                 std::to_string(fault.what));
+    SCOPED_TRACE(std::string(fault.call) + std::to_string(fault.nth) + std::to_string(fault.what));
     const temporary_tree tree;
     make_tree(tree.root, row.before);
+    make_tree(tree.root, {{arriving, "the new media"}, {"program", ""}, {"Play", "-> play"}});
     make_tree(tree.root,
-              {{arriving, "the new media"},
-               {"program", ""},
-               {"Play", "-> play"},
-               {"Upload/t.mxf", "-> ../watch"},
-               {"event.toml", "[event]\n'watch path' = '" + tree / "watch" +
-                                  "'\n'match pattern' = ['x', 'mxf$']\n'target file' = '" +
-                                  tree / in_place + "'\n"}});
+              {{"Upload/t.mxf", "-> ../watch"}, {"event.toml", replaced(event, "@", tree.root)}});
     calls->count = 0;
     calls->came = false;
-    const bool kills = fault.what <= kill_before;
     const int status = status_of([&] {
         const auto hold = [&] { return open((tree / arriving).c_str(), O_RDONLY | O_CLOEXEC); };
         const child_process other([&] { row.holders > 1 ? hold() : 0; });
         const unique_fd own(row.holders > 0 ? hold() : -1);
         live(tree.root, row, fault);
-        expect_whole(tree.root, row, false, kills);
         EXPECT_TRUE(row.holders < 2 || fs::exists(tree / arriving) ||
                     has(read_file(tree / "errors"), "Warning: a file in use may not be noticed"));
     });
     const std::string lines = read_file(tree / "errors");
-    EXPECT_TRUE(kills && calls->came ? WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL
-                                     : status == 0)
+    const bool is_killed = fault.what <= kill_before && calls->came;
+    EXPECT_TRUE(is_killed ? WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL : status == 0)
         << lines;
-    expect_whole(tree.root, row, false, kills);
+    expect_whole(tree.root, row, false, is_killed);
     EXPECT_EQ(status_of([&] { live(tree.root, row, {}); }), 0);
-    expect_whole(tree.root, row, true, kills);
+    expect_whole(tree.root, row, true, is_killed);
     write_file(tree / "watch/third.mxf", "third");
     EXPECT_EQ(status_of([&] { live(tree.root, row, {}); }), 0);
     EXPECT_EQ(read_file(tree / in_place), "third");
-    EXPECT_TRUE(has(read_file(tree / metadata_in_place), "original filename=third.mxf\n"));
     return lines;
 }
 
-std::vector<int> errors_that_fit(const std::string &call) {
+std::vector<int> faults_that_fit(const std::string &call, bool kills) {
+    if (call == "operator new" || call == "calloc")
+        return {kills ? kill_before : ENOMEM};
+    if (kills)
+        return {kill_before, kill_after};
     if (call == "renameat")
         return {ENOENT, EIO, ENOSPC, EXDEV, EROFS};
     if (call == "read" || call == "write")
         return {EIO, ENOSPC, EINTR, cut_short};
-    if (call == "operator new" || call == "calloc")
-        return {ENOMEM};
     return {EIO, EACCES, ENOMEM, EINTR};
 }
 
-std::vector<int> kill_places(const std::string &call) {
-    return call == "operator new" ? std::vector<int>() : std::vector<int>{kill_before, kill_after};
-}
-
-#ifdef __SANITIZE_ADDRESS__
-constexpr unsigned int every = 5;
-#else
-constexpr unsigned int every = 1;
-#endif
-
 // The first calls of each name and the last: those that look at other processes are much alike.
-void run_all(const scenario &row, bool kills) {
+template<bool kills> void run_all(const scenario &row) {
     run_one(row, {"", 0, 0});
     const std::vector<const char *> names(calls->names, calls->names + calls->count);
     std::map<const char *, unsigned int> counts;
-    unsigned int runs = 0, position = 0;
+    unsigned int runs = 0;
     std::string lines;
     for (const char *name : names) {
         const unsigned int nth = ++counts[name];
-        if ((nth > most_of_a_name && nth != std::count(names.begin(), names.end(), name)) ||
-            position++ % every != 0)
+        if (nth > most_of_a_name && nth != std::count(names.begin(), names.end(), name))
             continue;
-        for (const int what : kills ? kill_places(name) : errors_that_fit(name))
+        for (const int what : faults_that_fit(name, kills))
             if (what != ENOENT || nth == 1) { // later it means that there is nothing to move
                 lines += run_one(row, {name, nth, what});
                 runs += calls->came ? 1U : 0U;
             }
     }
     std::cout << runs << " runs\n";
-    EXPECT_GE(runs, (kills ? 150U : 300U) / every);
-    EXPECT_TRUE(kills || every > 1 || has(lines, row.line));
+    EXPECT_GE(runs, kills ? 150U : 300U);
+    EXPECT_TRUE(kills || has(lines, row.line));
 }
 
-const auto check_faults = [](const scenario &row) { run_all(row, false); };
-const bool registered =
-    register_rows("Faults", scenarios, check_faults) &&
-    register_rows("Faults", walks, check_faults) &&
-    register_rows("Kills", scenarios, [](const auto &row) { run_all(row, true); });
+const bool registered = register_rows("Faults", scenarios, run_all<false>) &&
+                        register_rows("Faults", walks, run_all<false>) &&
+                        register_rows("Kills", scenarios, run_all<true>);
 
 // What only a crash of the machine would show: both syncs, around the last rename.
 TEST(Faults, MetadataIsSynced) {
     run_one(scenarios[1], {"", 0, 0});
-    std::vector<std::string> names(calls->names, calls->names + calls->count);
+    const std::vector<std::string> names(calls->names, calls->names + calls->count);
     const auto last = std::find(names.rbegin(), names.rend(), "renameat");
     ASSERT_NE(last, names.rend());
-    EXPECT_EQ(*(last - 1), "fsync");
-    EXPECT_EQ(*(last + 1), "fsync");
+    EXPECT_TRUE(*(last - 1) == "fsync" && *(last + 1) == "fsync");
 }
 
 } // namespace

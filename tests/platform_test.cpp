@@ -182,7 +182,6 @@ TEST(ProcTables, MappingsAreTheFilesByDeviceAndInodeOrOnAnOverlayByInodeOrName) 
          {std::tuple("7f-80 r--p 00 fe:1a 4711    /a\n", true, true),
           {"7f-80 r--p 00 fe:1b 4711    /a\n", false, true},
           {"7f-80 r--p 00 fe:1b 47110    /a/name\n", false, true},
-          {"7f-80 r--p 00 fe:1a 47110    /a name\n", false, false},
           {"7f-80 r--p\n", false, false}})
         for (const bool overlay : {false, true}) {
             std::string line = text;

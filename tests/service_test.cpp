@@ -79,20 +79,15 @@ const struct line_case {
 };
 
 void check_line(const line_case &row) {
-    std::vector<const char *> arguments = row.arguments;
-    arguments.insert(arguments.begin(), "/usr/sbin/service");
-    std::string value, errors;
-    const std::string output = output_of(
-        [&] {
-            errors = output_of([&] {
-                const auto status =
-                    parse_command_line(static_cast<int>(arguments.size()), arguments.data(), value);
-                EXPECT_EQ(status.value_or(-1), row.status);
-            });
-        },
-        STDOUT_FILENO);
-    EXPECT_EQ(output, row.status == 0 ? row.output : "");
-    EXPECT_EQ(errors, row.status == 1 ? "Error in command line: " + row.output : "");
+    std::vector<const char *> words = row.arguments;
+    words.insert(words.begin(), "/usr/sbin/service");
+    std::string value;
+    const auto parse = [&] {
+        const auto status = parse_command_line(static_cast<int>(words.size()), words.data(), value);
+        EXPECT_EQ(status.value_or(-1), row.status);
+    };
+    EXPECT_EQ(output_of(parse, row.status == 0 ? STDOUT_FILENO : STDERR_FILENO),
+              row.status == 1 ? "Error in command line: " + row.output : row.output);
     EXPECT_EQ(value, row.value);
 }
 
@@ -176,8 +171,7 @@ TEST(LongLife, FiveHundredPasses) {
                               "'\n'match pattern'=''\n'target file'='" + tree / "Play/A" + "'\n"}});
     configuration = build_directory_configuration(tree.root);
     int pass = 0;
-    decltype(open_descriptors()) descriptors = 0;
-    size_t memory = 0;
+    std::pair<ptrdiff_t, size_t> before;
     during_sleep = [&] {
         main_path = tree.root.parent_path();
         write_file(tree / "Upload/A/n", std::to_string(++pass));
@@ -186,12 +180,12 @@ TEST(LongLife, FiveHundredPasses) {
         fs::remove_all(tree / "Play/ARCHIVE");
         if (pass % 7 == 0)
             raise(SIGHUP);
-        if (pass == 50) {
-            descriptors = open_descriptors();
-            memory = mallinfo2().uordblks;
-        } else if (pass == 500) {
-            EXPECT_EQ(open_descriptors(), descriptors);
-            EXPECT_LE(mallinfo2().uordblks, memory + 65536);
+        const std::pair now(open_descriptors(), mallinfo2().uordblks);
+        if (pass == 50)
+            before = now;
+        if (pass == 500) {
+            EXPECT_EQ(now.first, before.first);
+            EXPECT_LE(now.second, before.second + 65536);
             raise(SIGTERM);
         }
     };
