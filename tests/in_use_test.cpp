@@ -111,12 +111,11 @@ void expect_answers_on_overlay(const way_to_hold &way) {
 const struct socket_kind {
     const char *name;
     int type;
-    bool listens, only_accepted, is_served;
+    bool listens, is_served;
 } socket_kinds[] = {
-    {"Listening", SOCK_STREAM, true, false, true},
-    {"Datagram", SOCK_DGRAM, false, false, true},
-    {"NotListening", SOCK_STREAM, false, false, false},
-    {"OnlyAnAcceptedConnection", SOCK_STREAM, true, true, false},
+    {"Listening", SOCK_STREAM, true, true},
+    {"Datagram", SOCK_DGRAM, false, true},
+    {"NotListening", SOCK_STREAM, false, false},
 };
 
 // Bound by a relative path, whose file and folder have other names by now.
@@ -130,12 +129,6 @@ void expect_server(const socket_kind &kind) {
             unique_fd fd = bound_socket("folder/socket", kind.type);
             if (kind.listens)
                 listen(fd.get(), 1);
-            if (kind.only_accepted) {
-                const sockaddr_un name{AF_UNIX, "folder/socket"};
-                connect(socket(AF_UNIX, kind.type | SOCK_CLOEXEC, 0),
-                        reinterpret_cast<const sockaddr *>(&name), sizeof(name));
-                fd.reset(accept4(fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            }
             fd.release();
             fs::rename("folder/socket", "folder/renamed");
             fs::rename("folder", "moved");
