@@ -14,7 +14,7 @@ int service_main(int argc, char **argv); // main() of the service
 
 namespace {
 
-constexpr unsigned int most_of_a_name = 12;
+constexpr unsigned int most_of_a_name = 8;
 constexpr int cut_short = -1, kill_before = -2, kill_after = -3; // besides errno values
 
 struct fault {
@@ -125,10 +125,14 @@ uint64_t monotonic_clock_us() {
 extern "C" void syslog(int, const char *, ...) {} // nothing goes into the machine's log
 
 // Not inlined: the compiler would take malloc and delete, or new and free, for a mismatch.
+[[gnu::noinline]] void *operator new(size_t size, const std::nothrow_t &) noexcept {
+    return begin_call("operator new") > 0 ? nullptr : malloc(size);
+}
+
 [[gnu::noinline]] void *operator new(size_t size) {
-    if (begin_call("operator new") > 0)
-        throw std::bad_alloc();
-    return malloc(size);
+    if (void *memory = operator new(size, std::nothrow))
+        return memory;
+    throw std::bad_alloc();
 }
 
 [[gnu::noinline]] void operator delete(void *memory) noexcept {
