@@ -75,7 +75,7 @@ const char *redirected(const char *path) {
         if (error == kill_after)                                                                   \
             kill(getpid(), SIGKILL);                                                               \
         errno = error > 0 ? error : errno;                                                         \
-        return error > 0 ? failure : result;                                                       \
+        return error > 0 ? (failure) : result;                                                     \
     }
 
 WRAP(int, -1, close, (int fd), (fd))
@@ -258,7 +258,7 @@ std::string run_one(const scenario &row, const fault &fault) {
         EXPECT_TRUE(row.holders < 2 || fs::exists(tree / arriving) ||
                     has(read_file(tree / "errors"), "Warning: a file in use may not be noticed"));
     });
-    const std::string lines = read_file(tree / "errors");
+    std::string lines = read_file(tree / "errors");
     const bool is_killed = fault.what <= kill_before && calls->came;
     EXPECT_TRUE(is_killed ? WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL : status == 0)
         << lines;
