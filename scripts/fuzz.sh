@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$(realpath "$0")")/.."
 . scripts/lib.sh
 
-install_packages "${test_packages[@]}" clang
+install_packages "${test_packages[@]}" clang libclang-rt-dev
 seconds=${1:-10}
 shift || true
 [ $# -gt 0 ] || set -- metadata configuration_file command_line
