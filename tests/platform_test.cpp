@@ -1,8 +1,10 @@
 // The platform layer by its public interfaces: metadata, the clock, tables of mappings.
 #include "platform/include/metadata_v4.h"
+#include "platform/include/process_util.h"
 #include "platform/processes/proc_tables.h"
 #include "tests/support.h"
 
+#include <chrono>
 #include <sys/sysmacros.h>
 
 namespace {
@@ -86,7 +88,8 @@ void expect_location(const item_path &row) {
 }
 
 // A metadata file, its entries as NAME|VALUE, and the file after an entry was added and the second
-// one, where there is one, changed, both to the name "k=\" and the value "\n=".
+// one, where there is one, changed. "K" is the line for the name "k=\" and the value "\n=", which
+// both get.
 const struct metadata_case {
     const char *name;
     std::string text, entries, changed;
@@ -174,6 +177,12 @@ TEST(Metadata, DirectoryIsMadeOnlyWhereItIsToAndBesideAFile) {
     EXPECT_EQ(tree_of(item.root), file_tree());
     metadata_v4_context_close_file_handles(item.context);
     EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(ProcessUtil, TheClockIsMonotonicInMicroseconds) {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const auto microseconds = static_cast<uint64_t>(now / std::chrono::microseconds(1));
+    EXPECT_LT(monotonic_clock_us() - microseconds, 1000000U);
 }
 
 // On an overlay, kernels before 6.6 name the file below.
