@@ -37,7 +37,7 @@ install_packages() {
 build_packages=(g++ cmake ninja-build 'libpcre3-dev|libpcre2-dev' libcpptoml-dev
   libboost-filesystem-dev)
 test_packages=("${build_packages[@]}" libgtest-dev)
-check_packages=(clang-format clang-tidy clang libbenchmark-dev)
+check_packages=(git clang-format clang-tidy clang libbenchmark-dev)
 
 # Configures a build folder and builds the targets in the array `targets`, all when it is empty; the
 # rest of the arguments go to the configuration. A folder that was configured with another generator

@@ -35,7 +35,9 @@ const struct load_case {
     std::string line;         // one that the loader prints
     std::string entries = {}; // what the registry has then
 } load_cases[] = {
-    {"Nothing", "[Event1]\n" + paths + "[my_event]\n" + paths + "[[eventlist]]\n" + paths, ""},
+    {"Nothing",
+     "[even]\n" + paths + "[Event1]\n" + paths + "[my_event]\n" + paths + "[[eventlist]]\n" + paths,
+     ""},
     {"Patterns", "[events]\n'match pattern' = ['b', 'a']\n" + paths, "Added section 'events'\n",
      "events: w > t b a\n"},
     {"NoPattern", "[event]\n'match pattern' = 5\n" + paths + "[event.sub]\n" + paths,

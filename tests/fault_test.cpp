@@ -153,6 +153,7 @@ const std::string recorded = "original filename=n.mxf\n";
 const std::string event = "[event]\n'watch path' = '@/watch'\n'match pattern' = ['x', "
                           "'mxf$']\n'target file' = '@/play/t.mxf'\n";
 const file_tree replacement = {{in_place, "the old media"},
+                               {"play/ARCHIVE/old.mxf", "archived before"},
                                {metadata_in_place, old_metadata},
                                {"watch/.n.mxf.metadir/metadata", new_metadata}};
 
@@ -223,6 +224,8 @@ void expect_whole(const fs::path &root, const scenario &row, bool has_ended, boo
     EXPECT_TRUE(old_file.find("play/ARCHIVE/") == 0 || (!has_ended && old_file == in_place))
         << old_file;
     EXPECT_NE(place_of(files, old_metadata), "");
+    EXPECT_EQ(place_of(files, "archived before"), "play/ARCHIVE/old.mxf");
+    EXPECT_TRUE(was_killed || files.count("play/.t.mxf.metadir/.metadata.new") == 0);
     EXPECT_NE(place_of(files, new_metadata) + place_of(files, new_metadata + recorded), "");
 }
 

@@ -95,7 +95,10 @@ const struct delivery_case {
      "Forward slash in original name, rejecting.\nOriginal filename: ''\n",
      archived_as("t" + suffix, named("../m"))},
     {"RecordedNameIsTaken", // by a link to nothing
-     old_and_new({{meta, named("x") + named("m")}, {"play/ARCHIVE/m", "-> gone"}}), moved,
+     old_and_new({{meta, named("x") + named("m")}, {"play/ARCHIVE/m", "-> gone"}}),
+     "to replace 'play/t'\nmetadata 'original filename'='x'\nmetadata 'original "
+     "filename'='m'\nOriginal filename: 'm'\n" +
+         moved,
      archived_as("m" + suffix, named("x") + named("m"), {{"play/ARCHIVE/m", "-> gone"}})},
     {"ArchiveIsNoDirectory", old_and_new({{"play/ARCHIVE", "x"}}),
      "Cannot access ARCHIVE directory, Not a directory\n"},
@@ -142,7 +145,9 @@ void check_delivery(const delivery_case &row) {
     std::optional<child_process> writer;
     if (!row.held.empty())
         writer.emplace([&] { open(row.held.c_str(), O_WRONLY | O_CLOEXEC); });
+    umask(022);
     EXPECT_TRUE(has(pass(), row.line));
+    EXPECT_NE(fs::status("play/ARCHIVE").permissions(), fs::perms::owner_all) << "readable to all";
     EXPECT_EQ(tree_of("."), row.after.empty() ? row.before : row.after);
 }
 
