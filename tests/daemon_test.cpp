@@ -164,14 +164,16 @@ TEST(Daemon, RunsUntilItIsStopped) {
 TEST(Daemon, RunsOnAFolderTree) {
     if (!has_machine())
         GTEST_SKIP() << "no private mount namespace to be had here";
-    make_tree("/", {{pid_path, "of another"}, {"mnt/main/Upload/A/one", "1"}});
+    make_tree("/", {{pid_path, "of another"}});
+    make_tree("/mnt/main", {{"Upload/A/one", "1"}, {"other/Upload/A/one", "2"}});
     fs::copy_file("/mnt/service", "/mnt/copy");
-    daemon_process other("-d/mnt/main", "/mnt/copy"), daemon("-d/mnt/main");
+    daemon_process other("-d/mnt/main/other", "/mnt/copy"), daemon("-d/mnt/main");
     other.reader.reset();
     daemon.reader.reset();
-    for (int tries = 0; tries < 10000 && !fs::exists("/mnt/main/Play/A"); ++tries)
-        usleep(1000); // it sends no event
+    for (const char *path : {"/mnt/main/Play/A", "/mnt/main/other/Play/A"})
+        for (int tries = 0; tries < 20000 && !fs::exists(path); ++tries)
+            usleep(1000); // it sends no event
     EXPECT_TRUE(daemon.stop(SIGQUIT) == 0 && other.stop(SIGINT) == 0);
-    EXPECT_EQ(read_file("/mnt/main/Play/A"), "1");
+    EXPECT_EQ(read_file("/mnt/main/Play/A") + read_file("/mnt/main/other/Play/A"), "12");
     EXPECT_EQ(read_file(pid_path), "of another");
 }
