@@ -160,15 +160,16 @@ const file_tree replacement = {{in_place, "the old media"},
 struct scenario {
     const char *name;
     file_tree before; // besides the file that arrives
-    const char *line; // one that some run prints
+    const char *line; // what some run prints
     int holders = 0;  // of the file that arrives: the service, and another process
     bool on_tree = false;
 };
 const scenario scenarios[] = {
     {"FirstDelivery", {{"play/", ""}}, "* scan not completed, std::bad_alloc\n"},
     {"Replacement", replacement, "Cannot make ARCHIVE directory, Input/output error\n"},
-    {"FolderTree", replacement, "Cannot move NEW file into directory, Invalid cross-device", 0,
-     true},
+    {"FolderTree", replacement,
+     "Cannot move NEW file into directory, Invalid cross-device link\nReloading config, SIGHUP\n",
+     0, true},
 };
 const scenario walks[] = {
     {"WalkOverTheServicesOwnFile", {{"play/", ""}}, "already=0\n", 1},
