@@ -3,15 +3,16 @@
 set -euo pipefail
 thin=$(realpath "$(dirname "$0")/../examples/thin-archive")
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 cd "$work"
-mkdir ARCHIVE elsewhere ARCHIVE/.orphan.metadir ARCHIVE/folder
+trap 'rm -rf "$work"' EXIT
+mkdir -p elsewhere ARCHIVE/.orphan.metadir ARCHIVE/folder other
 for name in 'a b.mxf' -rf $'two\nlines' '*' .hidden; do
   mkdir "ARCHIVE/.$name.metadir" && touch "ARCHIVE/$name" "ARCHIVE/.$name.metadir/metadata"
 done
-touch ARCHIVE/linked elsewhere/kept && ln -s ../elsewhere ARCHIVE/.linked.metadir
+touch ARCHIVE/linked elsewhere/kept
+ln -s ../elsewhere ARCHIVE/.linked.metadir
 ln -s ../elsewhere/kept ARCHIVE/link
-mkdir other && ln -s ../elsewhere other/ARCHIVE
+ln -s ../elsewhere other/ARCHIVE
 sleep 1.1 # older than the second in which it runs, the clock of the limit
 before=$(ls -AR)
 "$thin" --dry-run 0 "$work/ARCHIVE" | grep -c '^Would remove' | grep -qx 6

@@ -1,4 +1,6 @@
-// Passes over a main storage: what is there before, a line that decides, what is there after.
+// Passes over a main storage: what is there before, a line that decides, what is there after. And
+// everything that can be planted where a pass looks: it neither waits nor leaves the main storage,
+// and nothing is lost. PLANTED_SWAPS in the environment is the number of random swaps under passes.
 #include "config/watch_entry.h"
 #include "delivery/cppmetadir.h"
 #include "platform/include/process_util.h"
@@ -6,13 +8,10 @@
 #include "tests/support.h"
 #include "watch/watch_pass.h"
 
-#include <optional>
-
-namespace {
+#include <random>
+#include <set>
 
 void (*meanwhile)() = [] {}; // between the opening of ARCHIVE and the moves
-
-} // namespace
 
 // The clocks of the archive suffix stand still.
 uint64_t monotonic_clock_us(void) {
@@ -23,12 +22,11 @@ extern "C" time_t time(time_t *) noexcept {
     return 1706715902;
 }
 
-namespace {
-
 const std::string suffix = " [ARCHIVE 20240131154502.183020443512]";
 const std::string moved = "Existing file moved into ARCHIVE directory.\n";
 const std::string meta = "play/.t.metadir/metadata";
 const std::string marker = "play/.t.metadir/.media.item.active.socket";
+const std::string no_archive = "No such file or directory\n" + moved;
 
 // What the metadata of an item says that was delivered under this name.
 std::string named(const std::string &name) {
@@ -36,7 +34,7 @@ std::string named(const std::string &name) {
 }
 
 // An old item in place and a new one that waits.
-file_tree old_and_new(file_tree more) {
+file_tree old_and_new(file_tree more = {}) {
     more.insert({{"play/t", "old"}, {"watch/n", "new"}});
     return more;
 }
@@ -51,23 +49,29 @@ file_tree archived_as(const std::string &name, const std::string &metadata, file
     return more;
 }
 
-// A pass with one entry. The working folder is the main storage, and the lines name paths in it.
-std::string pass(const std::string &watch = "watch", const std::string &target = "play/t",
-                 const char *pattern = "") {
-    main_path = fs::current_path();
-    WatchEntry entry{"e", main_path + "/" + watch, {}, main_path + "/" + target};
-    entry.patterns.emplace_back(pattern);
-    configuration = {{"e", entry}};
-    const auto before = open_descriptors();
-    const std::string lines = output_of(check_watch_entries);
-    EXPECT_EQ(open_descriptors(), before);
-    return replaced(lines, main_path + "/", "");
-}
-
+// Its main storage is the working folder, and the lines name paths in it. Beside that is a folder
+// in which nothing may change.
 struct storage : temporary_tree {
     explicit storage(const file_tree &files) {
-        make_tree(root / "main", files);
+        make_tree(root, {{"main/", ""}, {"canary/metadata", "canary"}});
         fs::current_path(root / "main");
+        make_tree(".", files);
+        main_path = fs::current_path();
+        meanwhile = [] {};
+    }
+    ~storage() { EXPECT_EQ(tree_of("../canary"), (file_tree{{"metadata", "canary"}})); }
+    // A pass with one entry.
+    std::string pass(const std::string &watch = "watch", const std::string &target = "play/t",
+                     const char *pattern = "") const {
+        WatchEntry entry{"e", main_path + "/" + watch, {}, main_path + "/" + target};
+        entry.patterns.emplace_back(pattern);
+        configuration = {{"e", entry}};
+        const auto before = open_descriptors();
+        alarm(30); // it does not wait
+        const std::string lines = output_of(check_watch_entries);
+        alarm(0);
+        EXPECT_EQ(open_descriptors(), before);
+        return replaced(replaced(lines, main_path + "/", ""), root, "..");
     }
 };
 
@@ -86,32 +90,26 @@ const struct delivery_case {
          moved + "already=0\n",
      {{"play/ARCHIVE/", ""}, {"play/t", "new"}, {meta, named("n")}, {"watch/", ""}}},
     {"WithMetadata",
-     old_and_new(
-         {{meta, "a=b\n" + named("m")}, {"watch/.n.metadir/metadata", named("z") + "c=d\n"}}),
-     "metadata 'a'='b'\nmetadata 'original filename'='m'\nOriginal filename: 'm'\n" + moved +
-         "metadata 'original filename'='z'\nmetadata 'c'='d'\nalready=1\n",
-     archived_as("m", "a=b\n" + named("m"), {{meta, named("n") + "c=d\n"}})},
-    {"SlashInRecordedName", old_and_new({{meta, named("../m")}}),
-     "Forward slash in original name, rejecting.\nOriginal filename: ''\n",
-     archived_as("t" + suffix, named("../m"))},
+     old_and_new({{meta, named("x") + "\na\\=b\\\\=c\\n\\\\\\t\n=\n" + named("m")},
+                  {"watch/.n.metadir/metadata", "no value\n\n" + named("z") + "c=d"}}),
+     "metadata 'a=b\\'='c\n\\\\t'\nmetadata 'original filename'='m'\nOriginal filename: 'm'\n" +
+         moved + "metadata 'original filename'='z'\nmetadata 'c'='d'\nalready=1\n",
+     archived_as("m", named("x") + "\na\\=b\\\\=c\\n\\\\\\t\n=\n" + named("m"),
+                 {{meta, "no value\n\n" + named("n") + "c=d"}})},
+    {"SlashInRecordedName", // and metadata that has none, and no last newline
+     old_and_new({{meta, named("../m")}, {"watch/.n.metadir/metadata", "\na=1"}}),
+     "Forward slash in original name, rejecting.\nOriginal filename: ''\n" + moved +
+         "metadata 'a'='1'\nalready=0\n",
+     archived_as("t" + suffix, named("../m"), {{meta, "\na=1\n" + named("n")}})},
     {"RecordedNameIsTaken", // by a link to nothing
-     old_and_new({{meta, named("x") + named("m")}, {"play/ARCHIVE/m", "-> gone"}}),
-     "to replace 'play/t'\nmetadata 'original filename'='x'\nmetadata 'original "
-     "filename'='m'\nOriginal filename: 'm'\n" +
-         moved,
-     archived_as("m" + suffix, named("x") + named("m"), {{"play/ARCHIVE/m", "-> gone"}})},
+     old_and_new({{meta, named("m")}, {"play/ARCHIVE/m", "-> gone"}}),
+     "metadata 'original filename'='m'\nOriginal filename: 'm'\n" + moved,
+     archived_as("m" + suffix, named("m"), {{"play/ARCHIVE/m", "-> gone"}})},
     {"ArchiveIsNoDirectory", old_and_new({{"play/ARCHIVE", "x"}}),
      "Cannot access ARCHIVE directory, Not a directory\n"},
-    {"ArchivedMetadataInTheWay",
-     old_and_new({{meta, ""}, {"play/ARCHIVE/.t" + suffix + ".metadir/x", ""}}),
-     "Cannot move ARCHIVE file metadata into directory, Directory not empty\n" + moved,
-     {{meta, ""},
-      {"play/ARCHIVE/.t" + suffix + ".metadir/x", ""},
-      {"play/ARCHIVE/t" + suffix, "old"},
-      {"watch/n", "new"}}},
     {"ArchiveIsRemoved", // and nothing replaced that could not be archived
-     old_and_new({}),
-     "Cannot move ARCHIVE file into directory, No such file or directory\n" + moved,
+     old_and_new(),
+     "Cannot move ARCHIVE file into directory, " + no_archive,
      {},
      "",
      [] { fs::remove("play/ARCHIVE"); }},
@@ -127,12 +125,8 @@ const struct delivery_case {
          fs::rename("play", "was");
          fs::rename("other", "play");
      }},
-    {"TargetInUse", old_and_new({}), "File 'play/t' is in use, not acting\n", {}, "play/t"},
-    {"SourceInUse",
-     old_and_new({}),
-     "File source 'watch/n' is in use, not acting\n",
-     {},
-     "watch/n"},
+    {"TargetInUse", old_and_new(), "File 'play/t' is in use, not acting\n", {}, "play/t"},
+    {"SourceInUse", old_and_new(), "File source 'watch/n' is in use, not acting\n", {}, "watch/n"},
     {"MarkerIsAFile", old_and_new({{marker, ""}}), "File 'play/t' is running, not acting\n"},
     {"MarkerToServedSocket", old_and_new({{marker, "-> ../socket"}}),
      "File 'play/t' is running, not acting\n"},
@@ -145,9 +139,7 @@ void check_delivery(const delivery_case &row) {
     std::optional<child_process> writer;
     if (!row.held.empty())
         writer.emplace([&] { open(row.held.c_str(), O_WRONLY | O_CLOEXEC); });
-    umask(022);
-    EXPECT_TRUE(has(pass(), row.line));
-    EXPECT_NE(fs::status("play/ARCHIVE").permissions(), fs::perms::owner_all) << "readable to all";
+    EXPECT_TRUE(has(tree.pass(), row.line));
     EXPECT_EQ(tree_of("."), row.after.empty() ? row.before : row.after);
 }
 
@@ -159,44 +151,108 @@ const struct scan_case {
      "watch realpath: watch\ntarget realpath: watch\nChecking found file 'f'"},
     {"WatchIsTheStorage", ".", "play/t", "target realpath: play\nPath(s) do not validate\n"},
     {"TargetInTheStorage", "watch", "t", "Path(s) do not validate\n"},
-    {"WatchLeadsOutside", "link", "play/t", "target realpath: play\nPath(s) do not validate\n"},
-    {"TargetOutside", "watch", "../mainx/t",
-     "watch realpath: watch\ntarget realpath: ../mainx\nPath(s) do not validate\n"},
+    {"TargetBesideTheStorage", "watch", "../mainx/t", "Path(s) do not validate\n"},
+    {"WatchLeadsOutside", "link", "play/t",
+     "watch realpath: ../mainx\ntarget realpath: play\nPath(s) do not validate\n"},
     {"NoTargetFolder", "watch", "gone/t",
      "watch realpath: watch\ntarget realpath: \nNot possible to check\n"},
     {"NoWatchFolder", "gone", "play/t", "* cannot scan directory, No such file or directory\n"},
 };
 
 void check_scan(const scan_case &row) {
-    const file_tree files = {
-        {"watch/f", ""}, {"f", ""}, {"play/t", ""}, {"link", "-> ../mainx"}, {"../mainx/f", ""}};
-    const storage tree(files);
-    meanwhile = [] {};
-    EXPECT_TRUE(has(replaced(pass(row.watch, row.target), tree / "mainx", "../mainx"), row.lines));
+    const storage tree(
+        {{"watch/f", ""}, {"f", ""}, {"play/t", ""}, {"link", "-> ../mainx"}, {"../mainx/f", ""}});
+    EXPECT_TRUE(has(tree.pass(row.watch, row.target), row.lines));
     EXPECT_EQ(fs::exists("watch/f") && fs::exists("../mainx/f"), row.name != scan_cases[0].name);
 }
 
-const bool registered = register_rows("Delivery", delivery_cases, check_delivery) &&
-                        register_rows("Scan", scan_cases, check_scan);
+const struct planted_kind {
+    const char *name;
+    void (*plant)(const fs::path &at, const fs::path &canary);
+} kinds[] = {
+    {"LinkToFolder", [](auto &at, auto &canary) { fs::create_symlink(canary, at); }},
+    {"LinkToFile", [](auto &at, auto &canary) { fs::create_symlink(canary / "metadata", at); }},
+    {"LinkToNothing", [](auto &at, auto &canary) { fs::create_symlink(canary / "new", at); }},
+    {"HardLink", [](auto &at, auto &canary) { fs::create_hard_link(canary / "metadata", at); }},
+    {"Fifo", [](auto &at, auto &) { mkfifo(at.c_str(), 0666); }},
+    {"Device", [](auto &at, auto &) { mknod(at.c_str(), S_IFCHR, 5 << 8); }},
+    {"FullDirectory", [](auto &at, auto &) { write_file(at / "inside", "planted"); }},
+    {"BigFile", [](auto &at, auto &) { std::ofstream(at).seekp(9 << 20) << '='; }},
+};
+const std::string places[] = {"play/t",  "play/.t.metadir",  meta,
+                              marker,    "play/ARCHIVE",     "play/ARCHIVE/m",
+                              "watch/b", "watch/.a.metadir", "watch/.a.metadir/.metadata.new"};
 
-} // namespace
+// Puts something planted in the place of what is there, but reaches nothing through what was
+// planted before. A link at ARCHIVE is followed: who can put it there may write beside the target.
+void plant(const planted_kind &kind, const fs::path &place) {
+    const unique_fd parent(open(place.parent_path().c_str(), O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!parent || (place == "play/ARCHIVE" && kind.plant == kinds[0].plant))
+        return;
+    const fs::path fresh = main_path + "/../fresh", name = place.filename();
+    kind.plant(fresh, main_path + "/../canary");
+    if (renameat2(AT_FDCWD, fresh.c_str(), parent.get(), name.c_str(), RENAME_EXCHANGE) != 0)
+        renameat2(AT_FDCWD, fresh.c_str(), parent.get(), name.c_str(), 0);
+    std::error_code failed; // the service may still be at work in there
+    do
+        fs::remove_all(fresh, failed);
+    while (failed);
+}
+
+void check_kind(const planted_kind &kind) {
+    for (const std::string &place : places) {
+        SCOPED_TRACE(place);
+        const storage tree({{"watch/a", "media"},
+                            {"play/t", "old"},
+                            {"play/ARCHIVE/x", ""},
+                            {"watch/.a.metadir/x", ""},
+                            {meta, named("m")}});
+        plant(kind, place);
+        for (int passes = 0; passes < 3; ++passes)
+            tree.pass();
+        std::multiset<std::string> contents;
+        for (const auto &[name, content] : tree_of("."))
+            contents.insert(content);
+        EXPECT_EQ(contents.count("media"), 1U);
+        EXPECT_TRUE(contents.count("old") == 1 || place == places[0]);
+        EXPECT_TRUE(contents.count("canary") == 0 || kind.name == std::string("HardLink"));
+    }
+}
+
+const bool registered = register_rows("Delivery", delivery_cases, check_delivery) &&
+                        register_rows("Scan", scan_cases, check_scan) &&
+                        register_rows("Planted", kinds, check_kind);
 
 TEST(Delivery, MarkersThatDoNotCount) {
-    const temporary_tree sockets;
-    const unique_fd served = bound_socket(sockets / "served", SOCK_DGRAM);
-    make_tree(sockets.root, {{"dead", "?"}, {"file", ""}, {"link", "-> served"}});
-    const std::string path = "-> " + sockets.root.string();
-    for (const std::string &content :
-         {std::string("?"), path + "/dead", path + "/file", path + "/link", path + "/gone",
-          path + std::string(500, '/') + "served"}) {
-        const storage tree(old_and_new({{marker, content}}));
-        pass();
-        EXPECT_EQ(read_file("play/t"), "new") << content;
+    const storage tree(old_and_new({{"../dead", "x"}, {"../link", "-> served"}}));
+    const unique_fd served = bound_socket("../served", SOCK_DGRAM);
+    bound_socket("../dead socket", SOCK_DGRAM).reset();
+    for (const std::string path : {"dead", "dead socket", "link", "gone"}) {
+        fs::remove_all("play/ARCHIVE");
+        make_tree(".", {{marker, "-> ../" + path}});
+        write_file("watch/n", path);
+        tree.pass();
+        EXPECT_EQ(read_file("play/t"), path);
     }
-    const storage tree(
-        old_and_new({{"play/.t.metadir", "-> ."}, {"play/.media.item.active.socket", ""}}));
-    pass();
-    EXPECT_EQ(read_file("play/t"), "new") << "a marker in a folder to which the directory leads";
+}
+
+TEST(Delivery, RightsAreKeptOrTakenFromTheMediaFile) {
+    const storage tree(old_and_new({{"watch/.n.metadir/metadata", ""}}));
+    static_cast<void>(chown("watch/.n.metadir/metadata", 56, 78)); // as root
+    chmod("watch/.n.metadir/metadata", 0604);
+    struct stat before {
+    }, after{};
+    stat("watch/.n.metadir/metadata", &before);
+    umask(022);
+    tree.pass();
+    stat(meta.c_str(), &after);
+    EXPECT_TRUE(after.st_mode == before.st_mode && after.st_uid == before.st_uid);
+    write_file("watch/n", "next");
+    chmod("watch/n", 0640);
+    tree.pass();
+    EXPECT_EQ(fs::status(meta).permissions(), fs::perms{0640});
+    EXPECT_EQ(fs::status("play/.t.metadir").permissions(), fs::perms{0750});
+    EXPECT_EQ(fs::status("play/ARCHIVE").permissions(), fs::perms{0755});
 }
 
 TEST(Scan, PicksOneRegularVisibleMatchingFile) {
@@ -204,20 +260,32 @@ TEST(Scan, PicksOneRegularVisibleMatchingFile) {
         {".a", ""}, {"b", "no match"}, {"a-folder/", ""}, {"a-link", "-> ../play/t"}};
     const storage tree({{"play/t", ""}, {"watch/a1", "1"}, {"watch/a2", "2"}});
     make_tree("watch", never_taken);
-    {
-        const child_process writer([&] {
-            for (const char *name : {"watch/a1", "watch/a2"})
-                open(name, O_WRONLY | O_CLOEXEC);
-        });
-        const std::string lines = pass("watch", "play/t", "^[.a]");
-        EXPECT_TRUE(has(lines, "is in use"));
-        EXPECT_EQ(lines.find("is in use"), lines.rfind("is in use")) << "the other one waits";
-    }
     for (const int left : {1, 0, 0}) {
-        pass("watch", "play/t", "^[.a]");
+        tree.pass("watch", "play/t", "^[.a]");
         EXPECT_EQ(fs::exists("watch/a1") + fs::exists("watch/a2"), left);
     }
     EXPECT_EQ(tree_of("watch"), never_taken);
+}
+
+TEST(Planted, RandomSwapsUnderPasses) {
+    const char *wanted = getenv("PLANTED_SWAPS");
+    const long swaps = wanted == nullptr ? 2000 : strtol(wanted, nullptr, 10);
+    const storage tree(file_tree{{"play/", ""}});
+    const pid_t writer = fork();
+    if (writer == 0) {
+        std::mt19937 dice(1);
+        for (long i = 0; i < swaps; ++i) {
+            write_file("watch/" + std::to_string(i % 3), "media");
+            plant(kinds[dice() % std::size(kinds)], places[dice() % std::size(places)]);
+        }
+        _exit(0);
+    }
+    long passes = 0;
+    int status = 0;
+    for (; waitpid(writer, &status, WNOHANG) == 0; ++passes)
+        tree.pass();
+    EXPECT_EQ(status, 0);
+    std::cout << passes << " passes under " << swaps << " swaps\n";
 }
 
 TEST(Pass, VisitsEveryConsistentValidEntryInOrder) {
@@ -226,7 +294,6 @@ TEST(Pass, VisitsEveryConsistentValidEntryInOrder) {
     configuration = {{"b", {"b", "/gone", {}, "/t"}},
                      {"A", {"A", "/gone", {}, "/t"}},
                      {"a", {"A", "/gone", {}, "/t"}},
-                     {"c", {"c", "/gone", {}, ""}},
                      {"d", {"d", "/gone", bad, "/t"}}};
     const std::string scan = "' in '/gone'\n  if new entries replace '/t'\n* cannot scan "
                              "directory, No such file or directory\n";
@@ -237,11 +304,15 @@ TEST(Pass, VisitsEveryConsistentValidEntryInOrder) {
                   scan);
 }
 
-TEST(Cppmetadir, BoundsAndAssertions) {
-    const std::string directory(4090, '/');
+TEST(Cppmetadir, MapsNamesWithinTheirBounds) {
+    const std::string directory(4090, '/'), longest(255 - strlen("..metadir"), 'n');
+    EXPECT_EQ(metadir_to_file("x/." + longest + ".metadir"), "x/" + longest);
+    EXPECT_TRUE(is_metadata_dir_name("x/." + longest + ".metadir"));
+    for (const std::string &name : {longest + "n", directory + "a.mxf--", std::string("x/..")})
+        EXPECT_EQ(file_to_metadir(name), "") << name;
     EXPECT_EQ(file_to_metadir(directory + "a.mxfx"), directory + ".a.mxfx.metadir");
-    EXPECT_EQ(file_to_metadir(directory + "a.mxf--"), "") << "4097 bytes";
-    EXPECT_TRUE(metadir_to_file(".a.metadir") == "a" && is_metadata_dir_name(".a.metadir"));
+    for (const std::string name : {"xnews.metadir", "..metadir", "...metadir", ".x.metadi"})
+        EXPECT_TRUE(metadir_to_file(name).empty() && !is_metadata_dir_name(name)) << name;
     EXPECT_DEATH(file_to_metadir(static_cast<const char *>(nullptr)),
                  "std::string file_to_metadir\\(const char ?\\*\\): Assertion `path != NULL'");
 }

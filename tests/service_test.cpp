@@ -11,15 +11,11 @@
 
 #include <malloc.h>
 
-namespace {
-
 // The clock's readings to come, SIGTERM at the last; what happens while the loop sleeps.
 std::vector<uint64_t> readings;
 size_t next_reading;
 std::string history; // per iteration "next due/entries", and "z" where it slept
 std::function<void()> during_sleep, during_syslog;
-
-} // namespace
 
 uint64_t monotonic_clock_us(void) {
     if (next_reading > 1)
@@ -42,8 +38,6 @@ extern "C" void syslog(int, const char *, ...) {
         std::exchange(during_syslog, nullptr)();
 }
 
-namespace {
-
 std::string run_loop(const std::string &directory, std::vector<uint64_t> clock) {
     readings = std::move(clock);
     next_reading = 0;
@@ -54,57 +48,42 @@ std::string run_loop(const std::string &directory, std::vector<uint64_t> clock) 
     return history;
 }
 
-const char usage[] =
-    "USAGE:\n  service [-?|-h|--help] [-d|--directory <watch_folder_dir>]\n\nDisplay usage "
-    "information.\n\nOPTIONS, ARGUMENTS:\n  -?, -h, --help          \n  -d, --directory "
-    "<watch_folder_dir>\n                          What directory has the watch folders?\n\n";
+// What it prints on standard output or standard error, "STATUS: DIRECTORY"; -1: the service goes
+// on.
+std::string parsed(std::vector<const char *> words) {
+    words.insert(words.begin(), "/usr/sbin/service");
+    std::string directory, error, status;
+    const auto parse = [&] {
+        const auto end =
+            parse_command_line(static_cast<int>(words.size()), words.data(), directory);
+        status = std::to_string(end.value_or(-1));
+    };
+    const std::string out = output_of([&] { error = output_of(parse); }, STDOUT_FILENO);
+    return out + error + status + ": " + directory;
+}
 
 const struct line_case {
     const char *name;
-    std::vector<const char *> arguments;
-    std::string output; // on standard output, or on standard error behind "Error in command line: "
-    const char *value = "";
-    int status = -1; // -1: the service goes on
+    std::vector<const char *> words;
+    const char *outcome;
 } line_cases[] = {
-    {"None", {}, ""},
-    {"NextArgument", {"-d", "/a=b"}, "", "/a=b"},
-    {"Joined", {"-dfoo"}, "", "foo"},
-    {"AfterEquals", {"--directory=/a=b"}, "", "/a=b"},
-    {"ValueLikeAnOption", {"-d", "-h"}, "", "-h"},
-    {"Word", {"x"}, "Unrecognized token: x\n", "", 1},
-    {"WithoutValue", {"-d"}, "Expected argument following -d\n", "", 1},
-    {"Twice", {"-d", "/a", "-d", "/b"}, "Unrecognized token: -d\n", "/a", 1},
-    {"Help", {"-h", "x"}, usage, "", 0},
-    {"HelpWithValue", {"-h=1"}, "Flag option '-h' contains value '1'.\n", "", 1},
+    {"None", {}, "-1: "},
+    {"NextArgument", {"-d", "-h"}, "-1: -h"},
+    {"Joined", {"-dfoo"}, "-1: foo"},
+    {"AfterEquals", {"--directory=/a=b"}, "-1: /a=b"},
+    {"Word", {"x"}, "Error in command line: Unrecognized token: x\n1: "},
+    {"WithoutValue", {"-d"}, "Error in command line: Expected argument following -d\n1: "},
+    {"Twice", {"-d", "/a", "-d", "/b"}, "Error in command line: Unrecognized token: -d\n1: /a"},
+    {"Help", {"-h", "x"}, "What directory has the watch folders?\n\n0: "},
+    {"HelpWithValue", {"-h=1"}, "Flag option '-h' contains value '1'.\n1: "},
 };
 
-void check_line(const line_case &row) {
-    std::vector<const char *> words = row.arguments;
-    words.insert(words.begin(), "/usr/sbin/service");
-    std::string value;
-    const auto parse = [&] {
-        const auto status = parse_command_line(static_cast<int>(words.size()), words.data(), value);
-        EXPECT_EQ(status.value_or(-1), row.status);
-    };
-    EXPECT_EQ(output_of(parse, row.status == 0 ? STDOUT_FILENO : STDERR_FILENO),
-              row.status == 1 ? "Error in command line: " + row.output : row.output);
-    EXPECT_EQ(value, row.value);
-}
-
-const bool registered = register_rows("CommandLine", line_cases, check_line);
-
-} // namespace
-
-TEST(MainStorage, PathsLieStrictlyBelow) {
-    main_path = "/data/main";
-    EXPECT_TRUE(is_under_main_path("/data/main/x"));
-    for (const char *path : {"/data/main", "/data/mainx/y", "/Data/main/x", ""})
-        EXPECT_FALSE(is_under_main_path(path)) << path;
-}
+const bool registered = register_rows("CommandLine", line_cases, [](const line_case &row) {
+    EXPECT_TRUE(has(parsed(row.words), row.outcome));
+});
 
 TEST(MainLoop, KeepsDueTimesAndRescansInDirectoryMode) {
-    const temporary_tree tree;
-    fs::create_directories(tree / "Upload/A");
+    const temporary_tree tree{{"Upload/A/", ""}};
     main_path = "/gone"; // the storage was there at the last check
     // start | not due | first check | a moment early | on time | 70 s late | 59 s late |
     // just under 59 s late | stop
@@ -127,9 +106,8 @@ TEST(MainLoop, StopBeforeTheFirstIterationRunsNoCheck) {
 }
 
 TEST(MainLoop, ManySighupsAreOneReloadAndOneDuringItIsAnother) {
-    const temporary_tree tree;
-    configuration_path = tree / "c.toml";
-    write_file(configuration_path, "[event1]\n\"watch path\"='w'\n\"target file\"='t'\n");
+    const temporary_tree tree{{"c", "[event1]\n'watch path'='w'\n'target file'='t'\n"}};
+    configuration_path = tree / "c";
     configuration = {{"old", {}}};
     during_sleep = [&] {
         for (int i = 0; i < 3; ++i)
@@ -138,45 +116,40 @@ TEST(MainLoop, ManySighupsAreOneReloadAndOneDuringItIsAnother) {
     };
     during_syslog = [&] {
         raise(SIGHUP);
-        during_syslog = [] { write_file(configuration_path, "["); };
+        during_syslog = [] { fs::remove(configuration_path); };
     };
-    EXPECT_EQ(
-        output_of([&] {
-            EXPECT_EQ(run_loop(tree.root, {0, 0, 1, 2, 3}), "z500000/1 z500000/0 z500000/0 z");
-        }),
-        "Reloading config, SIGHUP\nAdded section 'event1'\nReloading config, SIGHUP\n" +
-            configuration_path +
-            ": TOML parse error: Unexpected end of table at line 1\n"
-            "Warning: Configuration load failure\n");
+    EXPECT_EQ(output_of([&] {
+                  EXPECT_EQ(run_loop("", {0, 0, 1, 2, 3}), "z500000/1 z500000/0 z500000/0 z");
+              }),
+              "Reloading config, SIGHUP\nAdded section 'event1'\nReloading config, SIGHUP\n" +
+                  configuration_path +
+                  ": No such file or directory\nWarning: Configuration load failure\n");
 }
 
 TEST(Signals, TheTenthStopSignalAborts) {
-    stop_count = 0;
     install_signal_handlers();
     for (int sent = 0; sent < 3; ++sent)
         for (const int number : {SIGINT, SIGTERM, SIGQUIT})
             raise(number);
-    EXPECT_EQ(stop_count, 9U);
-    EXPECT_EXIT(raise(SIGINT), testing::KilledBySignal(SIGABRT), "");
-    stop_count = 0;
+    EXPECT_EQ(std::exchange(stop_count, 0U), 9U);
+    EXPECT_EXIT((stop_count = 9, raise(SIGINT)), testing::KilledBySignal(SIGABRT), "");
 }
 
 // Deliveries, reloads and rescans mixed: descriptors and memory stay as after the first 50 passes.
 TEST(LongLife, FiveHundredPasses) {
-    const temporary_tree tree;
-    configuration_path = tree / "c.toml";
-    make_tree(tree.root,
-              {{"Upload/A/", ""},
-               {"c.toml", "[event]\n'watch path'='" + tree / "Upload/A" +
-                              "'\n'match pattern'=''\n'target file'='" + tree / "Play/A" + "'\n"}});
+    const temporary_tree tree{{"Upload/A/", ""}};
+    const std::string upload = tree / "Upload/A", play = tree / "Play/A";
+    configuration_path = tree / "c";
+    write_file(configuration_path, "[event]\n'watch path'='" + upload + "'\n'match pattern'=''\n" +
+                                       "'target file'='" + play + "'\n");
     configuration = build_directory_configuration(tree.root);
     int pass = 0;
     std::pair<ptrdiff_t, size_t> before;
     during_sleep = [&] {
         main_path = tree.root.parent_path();
-        write_file(tree / "Upload/A/n", std::to_string(++pass));
+        write_file(upload + "/n", std::to_string(++pass));
         check_watch_entries();
-        EXPECT_EQ(read_file(tree / "Play/A"), std::to_string(pass));
+        EXPECT_EQ(read_file(play), std::to_string(pass));
         fs::remove_all(tree / "Play/ARCHIVE");
         if (pass % 7 == 0)
             raise(SIGHUP);
@@ -186,13 +159,12 @@ TEST(LongLife, FiveHundredPasses) {
         if (pass == 500) {
             EXPECT_EQ(now.first, before.first);
             EXPECT_LE(now.second, before.second + 65536);
-            raise(SIGTERM);
         }
     };
     std::vector<uint64_t> clock; // a rescan every eighth iteration, a check every second one
-    for (uint64_t n = 0; n < 2000; ++n)
+    for (uint64_t n = 0; n < 1510; ++n)
         clock.push_back(n * 40000000);
     output_of([&] { run_loop(tree.root, clock); });
     during_sleep = nullptr;
-    EXPECT_EQ(pass, 500);
+    EXPECT_GE(pass, 500);
 }

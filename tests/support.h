@@ -1,16 +1,19 @@
-// What the tests share: rows, temporary trees and their pictures, output, other processes, mounts.
+// What the tests share: rows, temporary trees, output, other processes, mounts.
 #ifndef TESTS_SUPPORT_H
 #define TESTS_SUPPORT_H
 
 #include "base/handles.h"
 
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <iostream>
 #include <map>
+#include <optional>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -59,20 +62,8 @@ inline testing::AssertionResult has(const std::string &text, const std::string &
     return testing::AssertionResult(text.find(part) != std::string::npos) << text;
 }
 
-// A new folder, removed with all that is in it.
-struct temporary_tree {
-    explicit temporary_tree(const fs::path &where = fs::temp_directory_path()) {
-        std::string name = (where / "watch-folder-test-XXXXXX").string();
-        root = fs::canonical(mkdtemp(name.data()));
-    }
-    temporary_tree(const temporary_tree &) = delete;
-    ~temporary_tree() { fs::remove_all(root); }
-    std::string operator/(const std::string &name) const { return root / name; }
-    fs::path root;
-};
-
-// Paths with their contents: "-> TEXT" is a symbolic link, "?" a socket that nobody serves, a path
-// that ends in a slash an empty folder.
+// Paths with their contents: "-> TEXT" is a symbolic link, a path that ends in a slash an empty
+// folder.
 using file_tree = std::map<std::string, std::string>;
 
 inline void make_tree(const fs::path &root, const file_tree &files) {
@@ -80,8 +71,6 @@ inline void make_tree(const fs::path &root, const file_tree &files) {
         fs::create_directories((root / name).parent_path());
         if (content.compare(0, 3, "-> ") == 0)
             fs::create_symlink(content.substr(3), root / name);
-        else if (content == "?")
-            mknod((root / name).c_str(), S_IFSOCK | 0600, 0);
         else if (name.back() != '/')
             write_file(root / name, content);
     }
@@ -94,12 +83,25 @@ inline file_tree tree_of(const fs::path &root) {
         if (item.is_symlink())
             files[name] = "-> " + fs::read_symlink(item).string();
         else if (!item.is_directory())
-            files[name] = item.is_regular_file() ? read_file(item) : "?";
+            files[name] = item.is_regular_file() ? read_file(item) : "special";
         else if (fs::is_empty(item))
             files[name + "/"] = "";
     }
     return files;
 }
+
+// A new folder, removed with all that is in it.
+struct temporary_tree {
+    explicit temporary_tree(std::initializer_list<file_tree::value_type> files = {}) {
+        std::string name = (fs::temp_directory_path() / "watch-folder-test-XXXXXX").string();
+        root = fs::canonical(mkdtemp(name.data()));
+        make_tree(root, files);
+    }
+    temporary_tree(const temporary_tree &) = delete;
+    ~temporary_tree() { fs::remove_all(root); }
+    std::string operator/(const std::string &name) const { return root / name; }
+    fs::path root;
+};
 
 // What a function writes to a descriptor.
 template<typename Run> std::string output_of(Run run, int fd = STDERR_FILENO) {
@@ -151,21 +153,5 @@ struct child_process {
     }
     pid_t pid;
 };
-
-// Covers a folder with an empty one, for this process and its children only. An ordinary user needs
-// a user namespace for it. False where that is not allowed.
-inline bool mount_empty(const char *path) {
-    static const bool entered = [] {
-        const std::string user = std::to_string(geteuid()), group = std::to_string(getegid());
-        if (user != "0" && unshare(CLONE_NEWUSER) == 0) {
-            write_file("/proc/self/setgroups", "deny");
-            write_file("/proc/self/uid_map", "0 " + user + " 1");
-            write_file("/proc/self/gid_map", "0 " + group + " 1");
-        }
-        return unshare(CLONE_NEWNS) == 0 &&
-               mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    }();
-    return entered && mount("none", path, "tmpfs", 0, "mode=755") == 0;
-}
 
 #endif
