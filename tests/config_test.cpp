@@ -51,31 +51,28 @@ const struct load_case {
 void check_load(const load_case &row) {
     const temporary_tree tree;
     configuration_path = tree / "c.toml";
-    write_file(configuration_path,
-               replaced(row.file, "@", "'watch path' = 'w'\n'target file' = 't'\n"));
+    const std::string paths = "'watch path' = 'w'\n'target file' = 't'\n";
+    write_file(configuration_path, std::regex_replace(row.file, std::regex("@"), paths));
     configuration.clear();
-    bool is_loaded = false;
-    const std::string lines = output_of([&] { is_loaded = try_load_configuration(); });
-    EXPECT_TRUE(has(lines, row.line));
-    EXPECT_EQ(is_loaded, lines.find("TOML parse error") == std::string::npos);
+    EXPECT_TRUE(has(output_of([] { (void)try_load_configuration(); }), row.line));
     EXPECT_EQ(entries(), row.entries);
 }
 
 const bool registered = register_rows("Load", load_cases, check_load);
 
 TEST(Load, ReadsWhatLeadsToARegularFile) {
-    const temporary_tree tree{{"file", ""}};
-    mkfifo((tree / "fifo").c_str(), 0600); // with nobody who writes: an open would wait for ever
+    const temporary_tree tree{{"file", ""}, {"link", "-> file"}};
+    fs::current_path(tree.root);
+    mkfifo("fifo", 0600); // with nobody who writes: an open would wait for ever
     const auto before = open_descriptors();
-    const auto load = [&](const char *name, const std::string &lines) {
-        configuration_path = tree / name;
-        EXPECT_EQ(output_of([&] { EXPECT_EQ(try_load_configuration(), lines.empty()); }),
-                  lines.empty() ? "" : configuration_path + ": " + lines);
-    };
-    load("gone", "No such file or directory\n");
-    load("fifo", "TOML parse error: not a regular file\n");
-    fs::create_symlink("file", tree / "link");
-    load("link", "");
+    const std::string lines = output_of([] {
+        for (const char *path : {"gone", "fifo", "link"}) {
+            configuration_path = path;
+            EXPECT_EQ(try_load_configuration(), configuration_path == "link");
+        }
+    });
+    EXPECT_EQ(lines,
+              "gone: No such file or directory\nfifo: TOML parse error: not a regular file\n");
     EXPECT_EQ(open_descriptors(), before);
 }
 

@@ -1,8 +1,6 @@
 // Runs of the real executable, with /mnt, /etc, /run and /dev of its own.
 #include "tests/support.h"
 
-#include <regex>
-
 constexpr char config_path[] = "/etc/vel4_watch_folder.toml";
 constexpr char pid_path[] = "/run/vel4_watch_folder_service.pid";
 const std::string event = "[event]\n'watch path' = '/mnt/main/in'\n'match pattern' = 'wav$'\n"
@@ -52,13 +50,17 @@ const struct start_case {
     const char *name, *option;
     std::string file; // the configuration
     int status;
-    std::string lines;
+    std::string lines; // the last ones
 } start_cases[] = {
-    {"Help", "--help", "", 0, ""},
+    {"Help", "--help", "", 0, "What directory has the watch folders?\n\n"},
+    {"HelpWithValue", "-h=1", "", 1, "command line: Flag option '-h' contains value '1'.\n"},
+    {"WithoutValue", "-d", "", 1, "command line: Expected argument following -d\n"},
+    {"Word", "x", "", 1, "Error in command line: Unrecognized token: x\n"},
     {"LinkToAFile", nullptr, "-> good", 0, "No configuration path, exiting\n"},
     {"SyntaxError", nullptr, "[", 1, "at line 1\nFailed to load configuration.\n"},
     {"NoEntry", nullptr, "x=1", 1, "Nothing to watch.\n"},
-    {"NoFolderTree", "-d/mnt/x", "", 1, "Upload/', No such file or directory\nNothing to watch.\n"},
+    {"NoFolderTree", "-d/x", "", 1, "'/x/Upload/', No such file or directory\nNothing to watch.\n"},
+    {"AfterEquals", "--directory=/x", "", 1, "No such file or directory\nNothing to watch.\n"},
     {"NoPidFile", nullptr, event, 1, "write PID file /var/run/vel4_watch_folder_service.pid\n"},
 };
 
@@ -68,7 +70,7 @@ void check_start(const start_case &row) {
         GTEST_SKIP() << "no private mount namespace to be had here";
     make_tree(pid_path, {{"/etc/good", event}, {config_path, row.file}, {"x", ""}});
     EXPECT_EQ(daemon_process(row.option).stop(0), row.status);
-    EXPECT_TRUE(has(read_file("/run/err") + "|", row.lines + "|"));
+    EXPECT_TRUE(has(read_file("/run/out") + read_file("/run/err") + "|", row.lines + "|"));
 }
 
 const bool registered = register_rows("Start", start_cases, check_start);

@@ -71,7 +71,7 @@ struct storage : temporary_tree {
         const std::string lines = output_of(check_watch_entries);
         alarm(0);
         EXPECT_EQ(open_descriptors(), before);
-        return replaced(replaced(lines, main_path + "/", ""), root, "..");
+        return std::regex_replace(lines, std::regex(root.string() + "/(main/)?"), "");
     }
 };
 
@@ -153,7 +153,7 @@ const struct scan_case {
     {"TargetInTheStorage", "watch", "t", "Path(s) do not validate\n"},
     {"TargetBesideTheStorage", "watch", "../mainx/t", "Path(s) do not validate\n"},
     {"WatchLeadsOutside", "link", "play/t",
-     "watch realpath: ../mainx\ntarget realpath: play\nPath(s) do not validate\n"},
+     "watch realpath: mainx\ntarget realpath: play\nPath(s) do not validate\n"},
     {"NoTargetFolder", "watch", "gone/t",
      "watch realpath: watch\ntarget realpath: \nNot possible to check\n"},
     {"NoWatchFolder", "gone", "play/t", "* cannot scan directory, No such file or directory\n"},
@@ -181,7 +181,7 @@ const struct planted_kind {
 };
 const std::string places[] = {"play/t",  "play/.t.metadir",  meta,
                               marker,    "play/ARCHIVE",     "play/ARCHIVE/m",
-                              "watch/b", "watch/.a.metadir", "watch/.a.metadir/.metadata.new"};
+                              "watch/b", "watch/.n.metadir", "watch/.n.metadir/.metadata.new"};
 
 // Puts something planted in the place of what is there, but reaches nothing through what was
 // planted before. A link at ARCHIVE is followed: who can put it there may write beside the target.
@@ -202,20 +202,16 @@ void plant(const planted_kind &kind, const fs::path &place) {
 void check_kind(const planted_kind &kind) {
     for (const std::string &place : places) {
         SCOPED_TRACE(place);
-        const storage tree({{"watch/a", "media"},
-                            {"play/t", "old"},
-                            {"play/ARCHIVE/x", ""},
-                            {"watch/.a.metadir/x", ""},
-                            {meta, named("m")}});
+        const storage tree(
+            old_and_new({{"play/ARCHIVE/x", ""}, {"watch/.n.metadir/x", ""}, {meta, named("m")}}));
         plant(kind, place);
-        for (int passes = 0; passes < 3; ++passes)
-            tree.pass();
-        std::multiset<std::string> contents;
+        tree.pass();
+        tree.pass();
+        std::string contents;
         for (const auto &[name, content] : tree_of("."))
-            contents.insert(content);
-        EXPECT_EQ(contents.count("media"), 1U);
-        EXPECT_TRUE(contents.count("old") == 1 || place == places[0]);
-        EXPECT_TRUE(contents.count("canary") == 0 || kind.name == std::string("HardLink"));
+            contents += content + "|";
+        EXPECT_TRUE(has(contents, "new|"));
+        EXPECT_TRUE(has(contents, "old|") || place == places[0]);
     }
 }
 
@@ -229,8 +225,7 @@ TEST(Delivery, MarkersThatDoNotCount) {
     bound_socket("../dead socket", SOCK_DGRAM).reset();
     for (const std::string path : {"dead", "dead socket", "link", "gone"}) {
         fs::remove_all("play/ARCHIVE");
-        make_tree(".", {{marker, "-> ../" + path}});
-        write_file("watch/n", path);
+        make_tree(".", {{marker, "-> ../" + path}, {"watch/n", path}});
         tree.pass();
         EXPECT_EQ(read_file("play/t"), path);
     }
@@ -238,15 +233,14 @@ TEST(Delivery, MarkersThatDoNotCount) {
 
 TEST(Delivery, RightsAreKeptOrTakenFromTheMediaFile) {
     const storage tree(old_and_new({{"watch/.n.metadir/metadata", ""}}));
-    static_cast<void>(chown("watch/.n.metadir/metadata", 56, 78)); // as root
+    const bool is_root = chown("watch/.n.metadir/metadata", 56, 78) == 0;
     chmod("watch/.n.metadir/metadata", 0604);
-    struct stat before {
-    }, after{};
-    stat("watch/.n.metadir/metadata", &before);
     umask(022);
     tree.pass();
-    stat(meta.c_str(), &after);
-    EXPECT_TRUE(after.st_mode == before.st_mode && after.st_uid == before.st_uid);
+    struct stat status {};
+    stat(meta.c_str(), &status);
+    EXPECT_EQ(status.st_uid, is_root ? 56 : geteuid());
+    EXPECT_EQ(status.st_mode & 0777, 0604U);
     write_file("watch/n", "next");
     chmod("watch/n", 0640);
     tree.pass();
@@ -290,29 +284,25 @@ TEST(Planted, RandomSwapsUnderPasses) {
 
 TEST(Pass, VisitsEveryConsistentValidEntryInOrder) {
     main_path = "/main";
-    const std::vector<RegexState> bad{RegexState(""), RegexState("(")};
     configuration = {{"b", {"b", "/gone", {}, "/t"}},
                      {"A", {"A", "/gone", {}, "/t"}},
                      {"a", {"A", "/gone", {}, "/t"}},
-                     {"d", {"d", "/gone", bad, "/t"}}};
+                     {"c", {"c", "/gone", {}, ""}}};
     const std::string scan = "' in '/gone'\n  if new entries replace '/t'\n* cannot scan "
                              "directory, No such file or directory\n";
+    const std::string bug = "BUG: a forgot it's entry name\nEntry 'A'\n  Watch:      '/gone'\n  "
+                            "Target:     '/t'\n";
     EXPECT_EQ(output_of(check_watch_entries),
-              "Checking... (main='/main')\nChecking 'A" + scan +
-                  "BUG: a forgot it's entry name\nEntry 'A'\n  Watch:      '/gone'\n  Target:     "
-                  "'/t'\nChecking 'b" +
-                  scan);
+              "Checking... (main='/main')\nChecking 'A" + scan + bug + "Checking 'b" + scan);
 }
 
 TEST(Cppmetadir, MapsNamesWithinTheirBounds) {
-    const std::string directory(4090, '/'), longest(255 - strlen("..metadir"), 'n');
-    EXPECT_EQ(metadir_to_file("x/." + longest + ".metadir"), "x/" + longest);
-    EXPECT_TRUE(is_metadata_dir_name("x/." + longest + ".metadir"));
-    for (const std::string &name : {longest + "n", directory + "a.mxf--", std::string("x/..")})
+    const std::string folder(4090, '/');
+    EXPECT_EQ(file_to_metadir(folder + "a.mxfx"), folder + ".a.mxfx.metadir");
+    for (const std::string &name : {folder + "a.mxf--", std::string(247, 'n'), std::string("x/..")})
         EXPECT_EQ(file_to_metadir(name), "") << name;
-    EXPECT_EQ(file_to_metadir(directory + "a.mxfx"), directory + ".a.mxfx.metadir");
-    for (const std::string name : {"xnews.metadir", "..metadir", "...metadir", ".x.metadi"})
-        EXPECT_TRUE(metadir_to_file(name).empty() && !is_metadata_dir_name(name)) << name;
+    EXPECT_TRUE(is_metadata_dir_name(".a.metadir") && !is_metadata_dir_name("..metadir"));
+    EXPECT_EQ(metadir_to_file("x/.a.metadir") + metadir_to_file("x/.a.metadi"), "x/a");
     EXPECT_DEATH(file_to_metadir(static_cast<const char *>(nullptr)),
                  "std::string file_to_metadir\\(const char ?\\*\\): Assertion `path != NULL'");
 }

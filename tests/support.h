@@ -14,6 +14,7 @@
 #include <iostream>
 #include <map>
 #include <optional>
+#include <regex>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -50,12 +51,6 @@ inline std::string read_file(const fs::path &path) {
 inline void write_file(const fs::path &path, const std::string &text) {
     fs::create_directories(path.parent_path());
     std::ofstream(path, std::ios::binary) << text;
-}
-
-inline std::string replaced(std::string text, const std::string &what, const std::string &by) {
-    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size())
-        text.replace(at, what.size(), by);
-    return text;
 }
 
 inline testing::AssertionResult has(const std::string &text, const std::string &part) {
