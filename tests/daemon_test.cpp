@@ -105,14 +105,16 @@ TEST(Daemon, RunsUntilItIsStopped) {
         "fd 0: /dev/null\nfd 1: /run/out\nfd 2: /run/err\nfd 3: /mnt/service\n");
     EXPECT_EQ(read_file("/run/out"), "watching \nwatching /mnt/x\n");
     EXPECT_FALSE(fs::exists(pid_path));
+    std::string records;
+    char record[512];
+    for (ssize_t size = 0; (size = recv(log.get(), record, 512, MSG_DONTWAIT)) > 0;)
+        records += std::string(record, static_cast<size_t>(size)) + "\n";
+    EXPECT_EQ(records.find("<30>"), 0U);
     for (const char *text :
-         {"<30>.*: Velora watch folder service is starting normally",
-          "<29>.*: Velora watch folder service received SIGHUP, reloading configuration",
-          "<30>.*: Velora watch folder service is stopping normally"}) {
-        char record[512] = "";
-        recv(log.get(), record, sizeof(record) - 1, MSG_DONTWAIT);
-        EXPECT_TRUE(std::regex_match(record, std::regex(text))) << record;
-    }
+         {"Velora watch folder service is starting normally\n<29>",
+          "Velora watch folder service received SIGHUP, reloading configuration\n<30>",
+          "Velora watch folder service is stopping normally\n"})
+        EXPECT_TRUE(has(records, text));
 }
 
 // Of another executable file, beside the first, on a folder tree, with nobody who reads its lines.

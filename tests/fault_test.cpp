@@ -6,7 +6,7 @@
 #include "service/single_instance.h"
 #include "tests/support.h"
 
-#include <sys/vfs.h>
+#include <boost/preprocessor/seq/for_each.hpp>
 
 int service_main(int argc, char **argv); // main() of the service
 
@@ -45,54 +45,36 @@ int begin_call(const char *name) {
     return wanted->what;
 }
 
-const char *redirected(const char *path) {
-    const bool is_program = strcmp(path, "/proc/self/exe") == 0;
+// The path of the service's program or of the main storage as this test has them.
+long redirected(long path) {
+    const char *text = reinterpret_cast<const char *>(path);
+    const bool is_program = strcmp(text, "/proc/self/exe") == 0;
     is_on = is_on || (is_program && wanted != nullptr); // from the lock on
-    return is_program ? "program" : path;
+    text = is_program ? "program" : strcmp(text, "/mnt/main") == 0 ? "." : text;
+    return reinterpret_cast<long>(text);
 }
 
-// A close that fails has closed all the same.
-#define WRAP(type, failure, name, parameters, arguments)                                           \
-    extern "C" type __real_##name parameters;                                                      \
-    extern "C" type __wrap_##name parameters {                                                     \
+// Integers and pointers are passed alike, so one definition fits all calls: more arguments than a
+// call has do no harm. A close that fails has closed all the same.
+#define WRAP_WITH(name, failure, first, third)                                                     \
+    extern "C" long __real_##name(...);                                                            \
+    extern "C" long __wrap_##name(long a, long b, long c, long d, long e) {                        \
         const int error = begin_call(#name);                                                       \
         const bool is_called = error <= 0 || strstr(#name, "close") != nullptr;                    \
-        type result = is_called ? __real_##name arguments : (failure);                             \
+        const long result = is_called ? __real_##name(first, b, third, d, e) : 0;                  \
         errno = error > 0 ? error : errno;                                                         \
-        return error > 0 ? (failure) : result;                                                     \
+        return error > 0 ? failure : result;                                                       \
     }
+#define WRAP(unused, failure, name) WRAP_WITH(name, failure, a, c)
 
-WRAP(int, -1, close, (int fd), (fd))
-WRAP(int, -1, fclose, (FILE * stream), (stream))
-WRAP(int, -1, open, (const char *path, int flags, mode_t mode), (redirected(path), flags, mode))
-WRAP(int, -1, openat, (int at, const char *path, int flags, mode_t mode), (at, path, flags, mode))
-WRAP(DIR *, nullptr, opendir, (const char *path), (path))
-WRAP(dirent *, nullptr, readdir, (DIR * stream), (stream))
-WRAP(FILE *, nullptr, fopen, (const char *path, const char *mode), (path, mode))
-WRAP(char *, nullptr, realpath, (const char * /*the main storage*/, char *out), (".", out))
-WRAP(int, -1, stat, (const char *path, struct stat *out), (path, out))
-WRAP(int, -1, lstat, (const char *path, struct stat *out), (path, out))
-WRAP(int, -1, fstat, (int fd, struct stat *out), (fd, out))
-WRAP(int, -1, fstatat, (int at, const char *path, struct stat *out, int how), (at, path, out, how))
-WRAP(int, -1, statx, (int at, const char *path, int how, unsigned int mask, struct statx *s),
-     (at, path, how, mask, s))
-WRAP(int, -1, fstatfs, (int fd, struct statfs *out), (fd, out))
-WRAP(int, -1, mkdirat, (int at, const char *path, mode_t mode), (at, path, mode))
-WRAP(int, -1, renameat, (int at, const char *old, int to, const char *name), (at, old, to, name))
-WRAP(int, -1, unlinkat, (int at, const char *path, int how), (at, path, how))
-WRAP(int, -1, unlink, (const char *path), (path))
-WRAP(ssize_t, -1, readlink, (const char *path, char *out, size_t size), (path, out, size))
-WRAP(ssize_t, -1, readlinkat, (int at, const char *path, char *out, size_t n), (at, path, out, n))
-WRAP(ssize_t, -1, read, (int fd, void *out, size_t size), (fd, out, error == cut_short ? 1 : size))
-WRAP(ssize_t, -1, write, (int fd, const void *text, size_t size),
-     (fd, text, error == cut_short ? 1 : size))
-WRAP(ssize_t, -1, getdents64, (int fd, void *out, size_t size), (fd, out, size))
-WRAP(int, -1, fsync, (int fd), (fd))
-WRAP(int, -1, fchown, (int fd, uid_t uid, gid_t gid), (fd, uid, gid))
-WRAP(int, -1, fchmod, (int fd, mode_t mode), (fd, mode))
-WRAP(int, -1, flock, (int fd, int how), (fd, how))
-WRAP(int, -1, fcntl, (int fd, int command, long argument), (fd, command, argument))
-WRAP(void *, nullptr, calloc, (size_t count, size_t size), (count, size))
+WRAP_WITH(open, -1, redirected(a), c)
+WRAP_WITH(realpath, 0, redirected(a), c)
+WRAP_WITH(read, -1, a, error == cut_short ? 1 : c)
+WRAP_WITH(write, -1, a, error == cut_short ? 1 : c)
+BOOST_PP_SEQ_FOR_EACH(WRAP, 0, (opendir)(readdir)(fopen)(calloc))
+BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (close)(fclose)(openat)(stat)(lstat)(fstat)(fstatat)(statx))
+BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (fstatfs)(mkdirat)(renameat)(unlinkat)(unlink)(readlink))
+BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (readlinkat)(getdents64)(fsync)(fchown)(fchmod)(flock)(fcntl))
 
 // The first sleep raises SIGHUP, the second SIGTERM, and each ends after the next check is due.
 extern "C" unsigned int sleep(unsigned int) {

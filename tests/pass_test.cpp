@@ -26,7 +26,6 @@ const std::string suffix = " [ARCHIVE 20240131154502.183020443512]";
 const std::string moved = "Existing file moved into ARCHIVE directory.\n";
 const std::string meta = "play/.t.metadir/metadata";
 const std::string marker = "play/.t.metadir/.media.item.active.socket";
-const std::string no_archive = "No such file or directory\n" + moved;
 
 // What the metadata of an item says that was delivered under this name.
 std::string named(const std::string &name) {
@@ -79,16 +78,8 @@ const struct delivery_case {
     const char *name;
     file_tree before;
     std::string line;
-    file_tree after = {};  // where nothing is moved empty
-    std::string held = {}; // a file that somebody writes to
-    void (*meanwhile)() = [] {};
+    file_tree after = {}; // where nothing is moved empty
 } delivery_cases[] = {
-    {"First",
-     {{"play/", ""}, {"watch/n", "new"}},
-     "Checking found file 'n' to replace 'play/t'\nTarget meta load fail from old file\n"
-     "Original filename: ''\n" +
-         moved + "already=0\n",
-     {{"play/ARCHIVE/", ""}, {"play/t", "new"}, {meta, named("n")}, {"watch/", ""}}},
     {"WithMetadata",
      old_and_new({{meta, named("x") + "\na\\=b\\\\=c\\n\\\\\\t\n=\n" + named("m")},
                   {"watch/.n.metadir/metadata", "no value\n\n" + named("z") + "c=d"}}),
@@ -107,38 +98,10 @@ const struct delivery_case {
      archived_as("m" + suffix, named("m"), {{"play/ARCHIVE/m", "-> gone"}})},
     {"ArchiveIsNoDirectory", old_and_new({{"play/ARCHIVE", "x"}}),
      "Cannot access ARCHIVE directory, Not a directory\n"},
-    {"ArchiveIsRemoved", // and nothing replaced that could not be archived
-     old_and_new(),
-     "Cannot move ARCHIVE file into directory, " + no_archive,
-     {},
-     "",
-     [] { fs::remove("play/ARCHIVE"); }},
-    {"TargetFolderIsExchanged", // for another one, in which nothing is touched
-     {{"other/t", "theirs"}, {meta, "a=b\n"}, {"watch/n", "new"}},
-     "Metadir fail\nTarget meta load fail\nalready=0\nTarget meta save fail\n",
-     {{"was/t", "new"},
-      {"was/ARCHIVE/.t" + suffix + ".metadir/metadata", "a=b\n"},
-      {"play/t", "theirs"},
-      {"watch/", ""}},
-     "",
-     [] {
-         fs::rename("play", "was");
-         fs::rename("other", "play");
-     }},
-    {"TargetInUse", old_and_new(), "File 'play/t' is in use, not acting\n", {}, "play/t"},
-    {"SourceInUse", old_and_new(), "File source 'watch/n' is in use, not acting\n", {}, "watch/n"},
-    {"MarkerIsAFile", old_and_new({{marker, ""}}), "File 'play/t' is running, not acting\n"},
-    {"MarkerToServedSocket", old_and_new({{marker, "-> ../socket"}}),
-     "File 'play/t' is running, not acting\n"},
 };
 
 void check_delivery(const delivery_case &row) {
     const storage tree(row.before);
-    const unique_fd served = bound_socket("../socket", SOCK_DGRAM);
-    meanwhile = row.meanwhile;
-    std::optional<child_process> writer;
-    if (!row.held.empty())
-        writer.emplace([&] { open(row.held.c_str(), O_WRONLY | O_CLOEXEC); });
     EXPECT_TRUE(has(tree.pass(), row.line));
     EXPECT_EQ(tree_of("."), row.after.empty() ? row.before : row.after);
 }
@@ -219,15 +182,45 @@ const bool registered = register_rows("Delivery", delivery_cases, check_delivery
                         register_rows("Scan", scan_cases, check_scan) &&
                         register_rows("Planted", kinds, check_kind);
 
-TEST(Delivery, MarkersThatDoNotCount) {
-    const storage tree(old_and_new({{"../dead", "x"}, {"../link", "-> served"}}));
-    const unique_fd served = bound_socket("../served", SOCK_DGRAM);
-    bound_socket("../dead socket", SOCK_DGRAM).reset();
-    for (const std::string path : {"dead", "dead socket", "link", "gone"}) {
-        fs::remove_all("play/ARCHIVE");
-        make_tree(".", {{marker, "-> ../" + path}, {"watch/n", path}});
-        tree.pass();
-        EXPECT_EQ(read_file("play/t"), path);
+TEST(Delivery, NothingReplacesWhatCouldNotBeArchived) {
+    const storage tree(old_and_new());
+    meanwhile = [] { fs::remove("play/ARCHIVE"); };
+    EXPECT_TRUE(has(tree.pass(), "Cannot move ARCHIVE file into directory, No such file or dir"));
+    EXPECT_EQ(tree_of("."), old_and_new());
+}
+
+TEST(Delivery, TouchesNothingInAFolderThatTookTheNameOfTheTargets) {
+    const storage tree({{"other/t", "theirs"}, {meta, "a=b\n"}, {"watch/n", "new"}});
+    meanwhile = [] {
+        fs::rename("play", "was");
+        fs::rename("other", "play");
+    };
+    EXPECT_TRUE(has(tree.pass(), "Metadir fail\nTarget meta load fail\nalready=0\n"
+                                 "Target meta save fail\n"));
+    EXPECT_EQ(tree_of("play"), (file_tree{{"t", "theirs"}}));
+    EXPECT_EQ(read_file("was/t"), "new");
+}
+
+TEST(Delivery, NotWhileAFileIsInUse) {
+    for (const std::string name : {"play/t", "watch/n"}) {
+        const storage tree(old_and_new());
+        const child_process writer([&] { open(name.c_str(), O_WRONLY | O_CLOEXEC); });
+        EXPECT_TRUE(has(tree.pass(), "'" + name + "' is in use, not acting\n"));
+        EXPECT_EQ(tree_of("."), old_and_new());
+    }
+}
+
+TEST(Delivery, NotWhileTheMarkerIsAFileOrLeadsToAServedSocket) {
+    for (const auto &[content, is_running] : {std::pair("", true),
+                                              {"-> ../served", true},
+                                              {"-> ../link", false},
+                                              {"-> ../dead", false},
+                                              {"-> ../gone", false}}) {
+        const storage tree(old_and_new({{marker, content}, {"../link", "-> served"}}));
+        const unique_fd served = bound_socket("../served", SOCK_DGRAM);
+        bound_socket("../dead", SOCK_DGRAM).reset();
+        EXPECT_EQ(has(tree.pass(), "File 'play/t' is running, not acting\n"), is_running);
+        EXPECT_EQ(read_file("play/t"), is_running ? "old" : "new") << content;
     }
 }
 

@@ -128,18 +128,16 @@ struct child_process {
         int ready[2];
         EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
         const unique_fd reader(ready[0]);
-        unique_fd writer(ready[1]);
         pid = fork();
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL); // also where the test is ended from outside
             start();
-            writer.reset();
-            for (;;)
+            close(ready[1]);
+            while (true)
                 pause();
         }
-        writer.reset();
-        char none = 0;
-        EXPECT_EQ(read(reader.get(), &none, 1), 0) << "start() returns or executes";
+        close(ready[1]);
+        EXPECT_EQ(read(ready[0], ready, 1), 0) << "start() has returned or executes";
     }
     child_process(const child_process &) = delete;
     ~child_process() {

@@ -51,8 +51,8 @@ namespace {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    FUZZ_TARGET(std::string(reinterpret_cast<const char *>(data), size));
+extern "C" int LLVMFuzzerTestOneInput(const char *data, size_t size) {
+    FUZZ_TARGET({data, size});
     return 0;
 }
 
