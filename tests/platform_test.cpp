@@ -78,32 +78,30 @@ void expect_answers(const way_to_hold &way) {
 const struct socket_kind {
     const char *name;
     int type;
-    bool listens, is_served = true;
+    bool is_served = true;
 } socket_kinds[] = {
-    {"Listening", SOCK_STREAM, true},
-    {"Datagram", SOCK_DGRAM, false},
-    {"NotListening", SOCK_STREAM, false, false},
+    {"Listening", SOCK_STREAM},
+    {"Datagram", SOCK_DGRAM},
+    {"NotListening", SOCK_STREAM, false},
 };
 
 // Bound by a relative path, whose file and folder have other names by now.
 void expect_server(const socket_kind &kind) {
     const temporary_tree tree{{"folder/", ""}};
     fs::current_path(tree.root);
-    const auto server_pid = [](unsigned int flags) {
-        return get_socket_server_pid("moved/renamed", flags);
-    };
     {
         const child_process server([&] {
             const int fd = bound_socket("folder/socket", kind.type).release();
-            if (kind.listens)
-                listen(fd, 1);
+            if (kind.is_served)
+                listen(fd, 1); // fails for datagrams, which need none
             fs::rename("folder/socket", "folder/renamed");
             fs::rename("folder", "moved");
         });
-        EXPECT_EQ(server_pid(0), kind.is_served ? server.pid : -1);
-        EXPECT_EQ(server_pid(SOCKET_SERVER_NO_PID), kind.is_served ? 0 : -1);
+        const pid_t pid = kind.is_served ? server.pid : -1, no_pid = kind.is_served ? 0 : -1;
+        EXPECT_EQ(get_socket_server_pid("moved/renamed", 0), pid);
+        EXPECT_EQ(get_socket_server_pid("moved/renamed", SOCKET_SERVER_NO_PID), no_pid);
     }
-    EXPECT_EQ(server_pid(0), -1) << "the server has ended";
+    EXPECT_EQ(get_socket_server_pid("moved/renamed", 0), -1) << "the server has ended";
 }
 
 const bool registered = register_rows("InUse", ways, expect_answers) &&
