@@ -1,83 +1,19 @@
 // Lives of the service: main() on a clock of its own. In each of many one call fails, with each
 // error that fits, or is the place of a kill: nothing is lost, doubled, cut or left open, and the
-// next life ends the delivery. The linker leads the calls of our objects here (--wrap).
+// next life ends the delivery.
 #include "config/configuration_load.h"
 #include "platform/include/process_util.h"
 #include "service/main_loop.h"
 #include "service/single_instance.h"
-#include "tests/support.h"
+#include "tests/fault_layer.h"
 
-#include <boost/preprocessor/seq/for_each.hpp>
 #include <malloc.h>
 #include <syslog.h>
 
 int service_main(int argc, char **argv); // main() of the service
 
 constexpr unsigned int most_of_a_name = 16;
-constexpr int cut_short = -1, killed = -2; // besides errno values
-
-// The calls of a life, shared with the process in which that is.
-struct call_log {
-    size_t count;
-    const char *names[65536];
-    bool came; // the call of the fault was among them
-} *const calls = static_cast<call_log *>(
-    mmap(nullptr, sizeof(call_log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-
-struct fault {
-    const char *call; // as in the log
-    unsigned int nth; // of the calls of that name
-    int what;         // an errno value, or one of the above
-};
-const fault *wanted; // null: the calls are not counted
-bool is_on;
-unsigned int seen, sleeps;
-
-// What to do instead of the call, or 0 to go on.
-int begin_call(const char *name) {
-    if (!is_on)
-        return 0;
-    if (calls->count < std::size(calls->names))
-        calls->names[calls->count++] = name;
-    if (name != wanted->call || ++seen != wanted->nth)
-        return 0;
-    calls->came = true;
-    if (wanted->what == killed)
-        kill(getpid(), SIGKILL);
-    return wanted->what;
-}
-
-// The path of the service's program or of the main storage as this test has them.
-long redirected(long path) {
-    const char *text = reinterpret_cast<const char *>(path);
-    const bool is_program = strcmp(text, "/proc/self/exe") == 0;
-    is_on = is_on || (is_program && wanted != nullptr); // from the lock on
-    text = is_program ? "program" : strcmp(text, "/mnt/main") == 0 ? "." : text;
-    return reinterpret_cast<long>(text);
-}
-
-// Integers and pointers are passed alike, so one definition fits all calls: more arguments than a
-// call has do no harm. A close that fails has closed all the same.
-#define WRAP_WITH(name, failure, first, third)                                                     \
-    extern "C" long __real_##name(...);                                                            \
-    extern "C" long __wrap_##name(long a, long b, long c, long d, long e) {                        \
-        const int error = begin_call(#name);                                                       \
-        const bool is_called = error <= 0 || strstr(#name, "close") != nullptr;                    \
-        const long result = is_called ? __real_##name(first, b, third, d, e) : 0;                  \
-        errno = error > 0 ? error : errno;                                                         \
-        return error > 0 ? failure : result;                                                       \
-    }
-#define WRAP(unused, failure, name) WRAP_WITH(name, failure, a, c)
-
-WRAP_WITH(open, -1, redirected(a), c)
-WRAP_WITH(realpath, 0, redirected(a), c)
-WRAP_WITH(read, -1, a, error == cut_short ? 1 : c)
-WRAP_WITH(write, -1, a, error == cut_short ? 1 : c)
-BOOST_PP_SEQ_FOR_EACH(WRAP, 0, (opendir)(readdir)(fopen)(calloc))
-BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (close)(fclose)(openat)(stat)(lstat)(fstat)(fstatat)(statx))
-BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (fstatfs)(mkdirat)(renameat)(unlinkat)(unlink)(readlink))
-BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (readlinkat)(getdents64)(fsync)(fchown)(fchmod)(flock)(fcntl))
-
+unsigned int sleeps;
 uint64_t now, step_us = 1000000;
 std::vector<uint64_t> readings; // of the clock that are to come, SIGTERM at the last
 std::function<void()> during_sleep, during_reload;
@@ -102,18 +38,6 @@ extern "C" unsigned int sleep(unsigned int) {
 extern "C" void syslog(int priority, const char *, ...) {
     if (priority == LOG_NOTICE)
         during_reload();
-}
-
-// Not inlined: the compiler would take malloc and delete, or new and free, for a mismatch.
-[[gnu::noinline]] void *operator new(size_t size) {
-    void *memory = begin_call("operator new") > 0 ? nullptr : malloc(size);
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void *memory) noexcept {
-    free(memory);
-}
-void operator delete(void *memory, size_t) noexcept {
-    operator delete(memory);
 }
 
 const std::string in_place = "Play/A", arriving = "Upload/A/n.mxf", new_media = "the new media";
