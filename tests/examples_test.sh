@@ -20,5 +20,5 @@ before=$(ls -AR)
 (! "$thin" 0 "$work/elsewhere" "$work/other/ARCHIVE" 2>/dev/null)
 [ "$(ls -AR)" = "$before" ]
 "$thin" 0 "$work/ARCHIVE" >/dev/null
-[ "$(find ARCHIVE elsewhere | sort | xargs)" = \
+[ "$(find ARCHIVE elsewhere | LC_ALL=C sort | xargs)" = \
   "ARCHIVE ARCHIVE/.orphan.metadir ARCHIVE/folder ARCHIVE/link elsewhere elsewhere/kept" ]

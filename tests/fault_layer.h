@@ -26,7 +26,7 @@ const fault *wanted; // null: the calls are not counted
 bool is_on;
 unsigned int seen;
 
-// What to do instead of the call, or 0 to go on.
+// A positive errno value: fail so. Else make the call, with cut_short for one byte only.
 int begin_call(const char *name) {
     if (!is_on)
         return 0;

@@ -1,6 +1,6 @@
-// Lives of the service: main() on a clock of its own. In each of many one call fails, with each
-// error that fits, or is the place of a kill: nothing is lost, doubled, cut or left open, and the
-// next life ends the delivery.
+// Lives of the service: main() on a clock of its own. In each of many, one call fails with an
+// error, or the process is killed there: nothing is lost, doubled, cut or left open, and the next
+// life ends the delivery.
 #include "config/configuration_load.h"
 #include "platform/include/process_util.h"
 #include "service/main_loop.h"
@@ -12,7 +12,7 @@
 
 int service_main(int argc, char **argv); // main() of the service
 
-constexpr unsigned int most_of_a_name = 16;
+constexpr unsigned int samples_per_call = 16;
 unsigned int sleeps;
 uint64_t now, step_us = 1000000;
 std::vector<uint64_t> readings; // of the clock that are to come, SIGTERM at the last
@@ -55,7 +55,7 @@ const file_tree replacement = {{in_place, "the old media"},
 const struct scenario {
     const char *name;
     file_tree before;
-    const char *line; // that some run prints
+    const char *line; // printed in at least one run
     int holders = 0;  // of the file that arrives: the service, and another process
 } scenarios[] = {
     {"FirstDelivery", first, "* scan not completed, std::bad_alloc\n"},
@@ -83,7 +83,7 @@ void live(const std::function<void()> &begin, const char *option) {
     service_main(words.empty() ? 1 : 2, arguments);
     is_on = false;
     close(instance_lock_fd);
-    EXPECT_LE(open_descriptors(), before);
+    EXPECT_EQ(open_descriptors(), before);
     EXPECT_TRUE(!fs::exists("pid") || (wanted != nullptr && strcmp(wanted->call, "unlink") == 0));
 }
 
@@ -120,23 +120,25 @@ void expect_whole(const scenario &row, bool has_ended, bool was_killed) {
 // Three lives: with the fault, to end the delivery, and with another file. What the first printed.
 std::string run_one(const scenario &row, const fault &fault) {
     SCOPED_TRACE(fault.call + std::to_string(fault.nth) + " " + std::to_string(fault.what));
-    const temporary_tree tree;
+    const temporary_tree tree{{"program", "program"}, {"event.toml", event}};
     fs::current_path(tree.root);
     make_tree(".", row.before);
-    make_tree(".", {{"program", "program"}, {"event.toml", event}});
     calls->count = 0;
     calls->came = false;
+    std::optional<child_process> other;
+    if (row.holders > 1)
+        other.emplace([] { open(arriving.c_str(), O_RDONLY | O_CLOEXEC); });
     const int status = status_of_life([&] {
-        static std::optional<child_process> other;
         if (row.holders > 0)
             open(arriving.c_str(), O_RDONLY | O_CLOEXEC);
-        if (row.holders > 1)
-            other.emplace([] {});
         wanted = &fault;
     });
+    other.reset();
     const bool is_killed = fault.what == killed && calls->came;
     const std::string lines = read_file("errors");
     EXPECT_EQ(status, is_killed ? SIGKILL : 0) << lines;
+    EXPECT_EQ(lines.find("already running"), std::string::npos);
+    EXPECT_EQ(lines.find("may not be noticed"), lines.rfind("may not be noticed")) << "once";
     EXPECT_TRUE(row.holders < 2 || fs::exists(arriving) || has(lines, "may not be noticed"));
     expect_whole(row, false, is_killed);
     EXPECT_EQ(status_of_life(), 0);
@@ -167,7 +169,8 @@ void run_all(const scenario &row) {
     EXPECT_TRUE(row.holders > 1 || has(order, "fsync renameat fsync")) << "a crash would lose it";
     unsigned int errors = 0, kills = 0;
     for (const auto &[name, count] : counts)
-        for (unsigned int nth = 1; nth <= count; nth += 1 + count / most_of_a_name)
+        for (unsigned int nth = 1; nth <= count && !testing::Test::HasFailure();
+             nth += 1 + count / samples_per_call)
             for (const int what : faults_that_fit(name)) {
                 lines += run_one(row, {name, nth, what});
                 (what == killed ? kills : errors) += calls->came ? 1U : 0U;
@@ -181,19 +184,12 @@ const bool registered = register_rows("Faults", scenarios, run_all);
 
 // A life in a new folder: "C" is a check, "e" an entry that is visited, "z" a sleep, "R" a reload.
 std::string steps_of_life(const std::function<void()> &begin, const char *option = "") {
-    const temporary_tree tree{{"Upload/A/", ""}, {"Play/", ""}, {"program", ""}};
+    const temporary_tree tree{
+        {"Upload/A/", ""}, {"Play/", ""}, {"program", ""}, {"event.toml", event}};
     fs::current_path(tree.root);
-    write_file("./event.toml", event);
     EXPECT_EQ(status_of_life(begin, option), 0);
-    std::ifstream errors("errors");
-    std::string steps, line;
-    while (std::getline(errors, line))
-        for (const auto &[start, step] : {std::pair("Checking...", "C"),
-                                          {"Checking 'event", "e"},
-                                          {"z", "z"},
-                                          {"Reloading", "R"}})
-            steps += line.find(start) == 0 ? step : "";
-    return steps;
+    const std::regex line("(?:([zR])|(C)hecking[.]|Checking '(e))?.*\n");
+    return std::regex_replace(read_file("errors"), line, "$1$2$3");
 }
 
 TEST(MainLoop, KeepsDueTimesAndRescansInDirectoryMode) {
@@ -232,13 +228,9 @@ TEST(MainLoop, ManySighupsAreOneReloadAndOneDuringItIsAnother) {
 }
 
 TEST(Signals, TheTenthStopSignalAborts) {
-    install_signal_handlers();
-    stop_count = 6;
-    for (const int number : {SIGINT, SIGTERM, SIGQUIT})
-        raise(number);
-    EXPECT_EQ(stop_count, 9U);
-    EXPECT_EXIT(raise(SIGINT), testing::KilledBySignal(SIGABRT), "");
-    stop_count = 0;
+    stop_count = 8;
+    on_stop_signal(SIGINT);
+    EXPECT_EXIT(on_stop_signal(SIGINT), testing::KilledBySignal(SIGABRT), "");
 }
 
 // Deliveries, reloads and rescans mixed: descriptors and memory stay as after the first 50 passes.

@@ -57,8 +57,8 @@ inline testing::AssertionResult has(const std::string &text, const std::string &
     return testing::AssertionResult(text.find(part) != std::string::npos) << text;
 }
 
-// Paths with their contents: "-> TEXT" is a symbolic link, a path that ends in a slash an empty
-// folder.
+// Paths with their contents. "-> TEXT" stands for a symbolic link; a path that ends in a slash, for
+// an empty folder.
 using file_tree = std::map<std::string, std::string>;
 
 inline void make_tree(const fs::path &root, const file_tree &files) {

@@ -1,5 +1,5 @@
-// What is given bytes from outside, given any bytes. Compiled once for each function, which
-// FUZZ_TARGET names.
+// Each function that reads bytes from outside, with any bytes. Compiled once for each of them,
+// which FUZZ_TARGET names.
 #include "config/configuration_load.h"
 #include "config/watch_entry.h"
 #include "platform/metadata/text.h"
@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <unistd.h>
+#include <sys/mman.h>
 
 namespace {
 
@@ -27,11 +27,11 @@ namespace {
 
 // Nothing is thrown, and only usable entries get in.
 [[maybe_unused]] void configuration_file(const std::string &input) {
-    configuration_path = std::filesystem::temp_directory_path() / std::to_string(getpid());
+    static const int fd = memfd_create("configuration", MFD_CLOEXEC);
+    configuration_path = "/proc/self/fd/" + std::to_string(fd);
     std::ofstream(configuration_path, std::ios::binary) << input;
     configuration.clear();
     assert(try_load_configuration() || configuration.empty());
-    std::filesystem::remove(configuration_path);
     for (const auto &[key, entry] : configuration)
         assert(key == entry.name && entry.is_valid());
 }
