@@ -231,6 +231,7 @@ TEST(Signals, TheTenthStopSignalAborts) {
     stop_count = 8;
     on_stop_signal(SIGINT);
     EXPECT_EXIT(on_stop_signal(SIGINT), testing::KilledBySignal(SIGABRT), "");
+    stop_count = 0;
 }
 
 // Deliveries, reloads and rescans mixed: descriptors and memory stay as after the first 50 passes.
