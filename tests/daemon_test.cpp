@@ -55,7 +55,6 @@ const struct start_case {
 } start_cases[] = {
     {"Help", "--help", "", 0, "What directory has the watch folders?\n\n"},
     {"HelpWithValue", "-h=1", "", 1, "command line: Flag option '-h' contains value '1'.\n"},
-    {"WithoutValue", "-d", "", 1, "command line: Expected argument following -d\n"},
     {"Word", "x", "", 1, "Error in command line: Unrecognized token: x\n"},
     {"LinkToAFile", nullptr, "-> good", 0, "No configuration path, exiting\n"},
     {"SyntaxError", nullptr, "[", 1, "at line 1\nFailed to load configuration.\n"},
@@ -86,9 +85,7 @@ TEST(Daemon, RunsUntilItIsStopped) {
                        {pid_path, "a stale and longer text"}});
     const daemon_process daemon(nullptr);
     wait_for("/run/err", "already=0\n");
-    const std::string process = std::to_string(daemon.pid);
-    EXPECT_EQ(read_file(pid_path), process + "\n");
-    EXPECT_EQ(std::distance(fs::directory_iterator("/proc/" + process + "/task"), {}), 1);
+    EXPECT_EQ(read_file(pid_path), std::to_string(daemon.pid) + "\n");
     EXPECT_EQ(daemon_process("-d/mnt/x").stop(0), 1);
     kill(daemon.pid, SIGHUP);
     wait_for("/run/err", "SIGHUP\nAdded section 'event'\n");
