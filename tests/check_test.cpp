@@ -8,11 +8,11 @@
 
 // What the check of a text prints, in which '@' is the storage; the disk stays as it is.
 std::string check_text(const std::string &text, bool dry_run = false) {
-    write_file("./f.toml", std::regex_replace(text, std::regex("@"), main_path));
+    write_file("f.toml", std::regex_replace(text, std::regex("@"), main_path));
     configuration.clear();
     const file_tree before = tree_of(".");
     bool good = false;
-    const std::string output = output_of([&] { good = check({"", "./f.toml", false, dry_run}); });
+    const std::string output = output_of([&] { good = check({"", "f.toml", false, dry_run}); });
     EXPECT_EQ(tree_of("."), before);
     EXPECT_EQ(good, output.find("errors: 0") != std::string::npos) << output;
     return std::regex_replace(output, std::regex(main_path), "@");
@@ -33,7 +33,7 @@ const struct mistake {
 } mistakes[] = {
     {"None", good, "Entries: 1, errors: 0, warnings: 0\n"},
     {"EmptyFile", "", "\"target file\" = \"/mnt/main/Play/news.mxf\""},
-    {"BlankInKey", "\nwatch path = 1\n", "  line 2: watch path = 1\nError: File './f.toml' cannot"},
+    {"BlankInKey", "\nwatch path = 1\n", "  line 2: watch path = 1\nError: File 'f.toml' cannot"},
     {"DottedSection", good + "[event.news]\n'x'=''", "of its dot: write [event_news]\nEntries: 1"},
     {"UnknownKey", good + "'target'=''", "key 'target' is ignored, the keys are 'watch path',"},
     {"ShellPattern", entry("1", "in", "'news*.mxf'", "out/a"), "is '^news.*[.]mxf$' meant?"},
@@ -48,11 +48,8 @@ struct storage : temporary_tree {
                          {"in/n.mxf", "new"},
                          {"other/a.mxf", "1"},
                          {"out/t", "old"},
-                         {"out/.t.metadir/metadata", "original filename=was.mxf\n"},
-                         {"bad/in/b", "2"},
-                         {"bad/ARCHIVE", ""}} {
+                         {"out/.t.metadir/metadata", "original filename=was.mxf\n"}} {
         main_path = root;
-        fs::current_path(root);
     }
 };
 
@@ -64,16 +61,15 @@ const bool registered = register_rows("Mistake", mistakes, [](const mistake &row
 // The announcement of a pass, and what the pass then makes of it.
 TEST(Check, DryRunSaysWhatThePassDoes) {
     const storage tree;
-    const std::string text =
-        entry("1", "in", "'n'", "out/t") + entry("2", "other", "'a'", "out/t") +
-        entry("3", "bad/in", "'b$'", "bad/t") + entry("4", "in", "'m$'", "out/u");
+    const std::string text = entry("1", "in", "'n'", "out/t") +
+                             entry("2", "other", "'a'", "out/t") +
+                             entry("3", "in", "'m$'", "out/u");
     EXPECT_TRUE(has(check_text(text, true),
                     "Entry 'event1': would deliver 'n.mxf', and archive 't' as 'was.mxf'\n"
                     "Entry 'event2': would deliver 'a.mxf', and archive 't' as 'n.mxf'\n"
-                    "Entry 'event3': stuck: cannot open the ARCHIVE directory, Not a directory\n"
-                    "Entry 'event4': nothing to deliver\n"));
+                    "Entry 'event3': nothing to deliver\n"));
     output_of(check_watch_entries);
     EXPECT_EQ(read_file("out/t") + read_file("out/ARCHIVE/n.mxf") +
-                  read_file("out/ARCHIVE/was.mxf") + read_file("bad/in/b"),
-              "1newold2");
+                  read_file("out/ARCHIVE/was.mxf"),
+              "1newold");
 }

@@ -42,7 +42,6 @@ const struct load_case {
     {"NumberForPath", "[event]\n'target file' = 't'\n'watch path' = 5", "Entry 'event'\n  Watch:"},
     {"BadPattern", "[event]\n'match pattern' = '('\n@", "Unable to compile regex. Error="},
     {"TakenName", "[[event]]\n[[event]]\n@[eventarrayitem1]\n@", "Warning: Duplicate", numbered},
-    {"SyntaxError", "[event]\n@x =\n", "c.toml: TOML parse error: "},
     {"Deepest", "[event]\n@x=" + times(4999, "[") + times(4999, "]"), "section", "event: w > t\n"},
     {"ManySections", times(999, "  [[event]]\n@'match pattern' = '[[[.'\n"), "Invalid section"},
     {"SectionTooDeep", "[event" + times(many, ".x") + "]", too_deep},
@@ -54,7 +53,6 @@ void check_load(const load_case &row) {
     const std::string paths = "'watch path' = 'w'\n'target file' = 't'\n";
     const temporary_tree tree{{"c.toml", std::regex_replace(row.file, std::regex("@"), paths)},
                               {"good", "[event]\n" + paths}};
-    fs::current_path(tree.root);
     mkfifo("fifo", 0600); // with nobody who writes: an open would wait for ever
     configuration_path = row.file.empty() ? "gone" : "c.toml";
     configuration.clear();
@@ -75,7 +73,6 @@ TEST(Entry, PrintsToAStream) {
 
 TEST(Discovery, EveryItemIsAnEntry) {
     const temporary_tree tree{{"a/Upload/", ""}, {"b/Upload/.x/y", ""}, {"c/Upload/z", ""}};
-    fs::current_path(tree.root);
     write_file("c/Play", "in the way");
     const std::string lines = output_of([] {
         for (const char *dir : {"gone", "a", "c", "b"})

@@ -54,7 +54,6 @@ const struct start_case {
     std::string lines; // the last ones
 } start_cases[] = {
     {"Help", "--help", "", 0, "What directory has the watch folders?\n\n"},
-    {"HelpWithValue", "-h=1", "", 1, "command line: Flag option '-h' contains value '1'.\n"},
     {"Word", "x", "", 1, "Error in command line: Unrecognized token: x\n"},
     {"LinkToAFile", nullptr, "-> good", 0, "No configuration path, exiting\n"},
     {"SyntaxError", nullptr, "[", 1, "at line 1\nFailed to load configuration.\n"},

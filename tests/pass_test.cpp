@@ -55,9 +55,9 @@ const file_tree outside = {{"metadata", "canary=\n"}, {".media.item.active.socke
 // in which nothing may change.
 struct storage : temporary_tree {
     explicit storage(const file_tree &files) {
-        make_tree(root, {{"main/", ""}});
-        make_tree(root / "canary", outside);
-        fs::current_path(root / "main");
+        make_tree("canary", outside);
+        make_tree(".", {{"main/", ""}});
+        fs::current_path("main");
         make_tree(".", files);
         main_path = fs::current_path();
         meanwhile = [] {};
@@ -202,8 +202,8 @@ TEST(Delivery, TouchesNothingInAFolderThatTookTheNameOfTheTargets) {
         fs::rename("play", "was");
         fs::rename("other", "play");
     };
-    EXPECT_TRUE(has(tree.pass(), "Metadir fail\nTarget meta load fail\nalready=0\n"
-                                 "Target meta save fail\n"));
+    EXPECT_TRUE(
+        has(tree.pass(), "Metadir fail\nTarget meta load fail\nalready=0\nTarget meta sav"));
     EXPECT_EQ(tree_of("play"), (file_tree{{"t", "theirs"}}));
     EXPECT_EQ(read_file("was/t"), "new");
 }
@@ -251,11 +251,11 @@ TEST(Delivery, RightsAreKeptOrTakenFromTheMediaFile) {
 
 TEST(Scan, PicksOneRegularVisibleMatchingFile) {
     const file_tree never_taken = {
-        {".a", ""}, {"axx", "no match"}, {"a-folder/", ""}, {"a-link", "-> ../play/t"}};
+        {".a", ""}, {"b", "no match"}, {"a-folder/", ""}, {"a-link", "-> ../play/t"}};
     const storage tree({{"play/t", ""}, {"watch/a1", "1"}, {"watch/a2", "2"}});
     make_tree("watch", never_taken);
     for (const int left : {1, 0, 0}) {
-        tree.pass("watch", "play/t", "^[.A].?$");
+        tree.pass("watch", "play/t", "^[.A]");
         EXPECT_EQ(fs::exists("watch/a1") + fs::exists("watch/a2"), left);
     }
     EXPECT_EQ(tree_of("watch"), never_taken);
@@ -275,12 +275,10 @@ TEST(Planted, RandomSwapsUnderPasses) {
         }
         _exit(0);
     }
-    long passes = 0;
     int status = 0;
-    for (; waitpid(writer, &status, WNOHANG) == 0; ++passes)
+    while (waitpid(writer, &status, WNOHANG) == 0)
         tree.pass();
     EXPECT_EQ(status, 0);
-    std::cout << passes << " passes under " << swaps << " swaps\n";
 }
 
 TEST(Pass, VisitsEveryConsistentValidEntryInOrder) {

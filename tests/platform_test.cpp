@@ -61,18 +61,17 @@ const struct way_to_hold {
 // The file is held by one of its names and asked about by a link to the other.
 void expect_answers(const way_to_hold &way) {
     const temporary_tree tree{{"soft", "-> file"}};
-    const std::string hard = tree / "hard", soft = tree / "soft";
-    fs::copy_file("/bin/sleep", tree / "file");
-    fs::create_hard_link(tree / "file", hard);
+    fs::copy_file("/bin/sleep", "file");
+    fs::create_hard_link("file", "hard");
     unique_fd own;
     {
-        const child_process holder([&] { way.hold(hard.c_str()); });
-        EXPECT_EQ(ask(soft).first, way.is_use);
-        EXPECT_EQ(ask(soft, PROCFS_FIND_HOLDER), answer(way.is_use, way.is_use * holder.pid));
-        own.reset(open(hard.c_str(), O_RDONLY | O_CLOEXEC));
-        EXPECT_EQ(ask(soft).first, way.is_use) << "where the service has it open too";
+        const child_process holder([&] { way.hold("hard"); });
+        EXPECT_EQ(ask("soft").first, way.is_use);
+        EXPECT_EQ(ask("soft", PROCFS_FIND_HOLDER), answer(way.is_use, way.is_use * holder.pid));
+        own.reset(open("hard", O_RDONLY | O_CLOEXEC));
+        EXPECT_EQ(ask("soft").first, way.is_use) << "where the service has it open too";
     }
-    EXPECT_EQ(ask(soft), answer(0, 0)) << "where only the service has it open";
+    EXPECT_EQ(ask("soft"), answer(0, 0)) << "where only the service has it open";
 }
 
 const bool registered = register_rows("InUse", ways, expect_answers);
@@ -82,7 +81,6 @@ TEST(SocketServer, ListensOrHasADatagramSocket) {
     for (const auto &[type, is_served] :
          {std::pair(SOCK_STREAM, true), {SOCK_DGRAM, true}, {SOCK_STREAM, false}}) {
         const temporary_tree tree{{"folder/", ""}};
-        fs::current_path(tree.root);
         std::optional<child_process> server([&, type = type, is_served = is_served] {
             const int fd = bound_socket("folder/socket", type).release();
             if (is_served)
@@ -106,20 +104,20 @@ TEST(InUse, NotWhereAPathLeadsToNoFile) {
 
 TEST(InUse, NotWhenAScannerHasLetGo) {
     const temporary_tree tree{{"file", ""}};
-    short_holder.emplace([&] { open_it((tree / "file").c_str()); });
-    EXPECT_EQ(ask(tree / "file").first, 0);
+    short_holder.emplace([] { open_it("file"); });
+    EXPECT_EQ(ask("file").first, 0);
 }
 
 TEST(InUse, AnOpenerThatBreaksTheLeaseEndsNothing) {
     const temporary_tree tree{{"file", ""}};
-    const child_process opener([&] {
-        std::thread([&] {
+    const child_process opener([] {
+        std::thread([] {
             while (true)
-                close(open((tree / "file").c_str(), O_RDONLY | O_CLOEXEC));
+                close(open("file", O_RDONLY | O_CLOEXEC));
         }).detach();
     });
     for (int leases = 0; leases < 20000;)
-        leases += 1 - ask(tree / "file").first;
+        leases += 1 - ask("file").first;
 }
 
 // Kernels before 6.6 name the file below an overlay.

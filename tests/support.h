@@ -49,7 +49,7 @@ inline std::string read_file(const fs::path &path) {
 
 // Makes the folders that lead to the file.
 inline void write_file(const fs::path &path, const std::string &text) {
-    fs::create_directories(path.parent_path());
+    fs::create_directories(fs::absolute(path).parent_path());
     std::ofstream(path, std::ios::binary) << text;
 }
 
@@ -85,16 +85,16 @@ inline file_tree tree_of(const fs::path &root) {
     return files;
 }
 
-// A new folder, removed with all that is in it.
+// A new folder, which becomes the working folder, removed with all that is in it.
 struct temporary_tree {
     explicit temporary_tree(std::initializer_list<file_tree::value_type> files = {}) {
         std::string name = (fs::temp_directory_path() / "watch-folder-test-XXXXXX").string();
         root = fs::canonical(mkdtemp(name.data()));
-        make_tree(root, files);
+        fs::current_path(root);
+        make_tree(".", files);
     }
     temporary_tree(const temporary_tree &) = delete;
     ~temporary_tree() { fs::remove_all(root); }
-    std::string operator/(const std::string &name) const { return root / name; }
     fs::path root;
 };
 
