@@ -18,7 +18,7 @@ namespace {
 [[maybe_unused]] void metadata(const std::string &input) {
     metadata_text text = parse_metadata(input);
     assert(metadata_to_text(text) == input);
-    const std::string name = "a=\\" + std::string(input.c_str()) + "\n", value = "\n\\";
+    const std::string name = "a=\\" + input.substr(0, input.find('\0')) + "\n", value = "\n\\";
     add_metadata_line(text, name, value);
     const metadata_text again = parse_metadata(metadata_to_text(text));
     assert(again.lines.size() == text.lines.size());
