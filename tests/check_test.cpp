@@ -32,7 +32,6 @@ const struct mistake {
     const char *line;
 } mistakes[] = {
     {"None", good, "Entries: 1, errors: 0, warnings: 0\n"},
-    {"EmptyFile", "", "\"target file\" = \"/mnt/main/Play/news.mxf\""},
     {"BlankInKey", "\nwatch path = 1\n", "  line 2: watch path = 1\nError: File 'f.toml' cannot"},
     {"DottedSection", good + "[event.news]\n'x'=''", "of its dot: write [event_news]\nEntries: 1"},
     {"UnknownKey", good + "'target'=''", "key 'target' is ignored, the keys are 'watch path',"},

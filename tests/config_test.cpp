@@ -16,15 +16,8 @@ std::string entries() {
     return text;
 }
 
-std::string times(int count, const std::string &text) {
-    std::string all;
-    while (count-- > 0)
-        all += text;
-    return all;
-}
-
 const std::string numbered = "eventarrayitem1: w > t\n", too_deep = "nested too deep\n";
-constexpr int many = 100000;
+const std::string deep(100000, '.'), half(3000, '['); // twice the half is too deep
 
 // In a file '@' is both paths. The line is one that the loader prints, the entries are what the
 // registry has then.
@@ -42,11 +35,11 @@ const struct load_case {
     {"NumberForPath", "[event]\n'target file' = 't'\n'watch path' = 5", "Entry 'event'\n  Watch:"},
     {"BadPattern", "[event]\n'match pattern' = '('\n@", "Unable to compile regex. Error="},
     {"TakenName", "[[event]]\n[[event]]\n@[eventarrayitem1]\n@", "Warning: Duplicate", numbered},
-    {"Deepest", "[event]\n@x=" + times(4999, "[") + times(4999, "]"), "section", "event: w > t\n"},
-    {"ManySections", times(999, "  [[event]]\n@'match pattern' = '[[[.'\n"), "Invalid section"},
-    {"SectionTooDeep", "[event" + times(many, ".x") + "]", too_deep},
-    {"DeepBehindString", "x = ''' '''\n" + times(4, "[event]\n" + times(1500, "{")), too_deep},
-    {"SectionWithinArray", times(3, "x = " + times(4000, "[") + "\n[event]\n"), "parse value type"},
+    {"DeepArray", "[event]\n@x=" + half + std::string(3000, ']'), "section", "event: w > t\n"},
+    {"ManySections", "  [[event]]\nx='" + half + "'\n[[event]]\nx='" + half + "'", "Invalid"},
+    {"SectionTooDeep", "[event" + deep + "]", too_deep},
+    {"DeepBehindString", "x = ''' '''\n" + half + "\n[event]\n" + half, too_deep},
+    {"SectionWithinArray", "x = " + half + "\n[event]\nx = " + half, "parse value type"},
 };
 
 void check_load(const load_case &row) {
@@ -72,8 +65,8 @@ TEST(Entry, PrintsToAStream) {
 }
 
 TEST(Discovery, EveryItemIsAnEntry) {
-    const temporary_tree tree{{"a/Upload/", ""}, {"b/Upload/.x/y", ""}, {"c/Upload/z", ""}};
-    write_file("c/Play", "in the way");
+    const temporary_tree tree{
+        {"a/Upload/", ""}, {"b/Upload/.x/y", ""}, {"c/Upload/z", ""}, {"c/Play", "x"}};
     const std::string lines = output_of([] {
         for (const char *dir : {"gone", "a", "c", "b"})
             configuration = build_directory_configuration(dir);

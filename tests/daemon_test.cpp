@@ -59,7 +59,6 @@ const struct start_case {
     {"SyntaxError", nullptr, "[", 1, "at line 1\nFailed to load configuration.\n"},
     {"NoEntry", nullptr, "x=1", 1, "Nothing to watch.\n"},
     {"NoFolderTree", "-d/x", "", 1, "'/x/Upload/', No such file or directory\nNothing to watch.\n"},
-    {"AfterEquals", "--directory=/x", "", 1, "No such file or directory\nNothing to watch.\n"},
     {"NoPidFile", nullptr, event, 1, "write PID file /var/run/vel4_watch_folder_service.pid\n"},
 };
 

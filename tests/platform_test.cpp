@@ -5,7 +5,6 @@
 #include "tests/support.h"
 
 #include <sys/syscall.h>
-#include <sys/sysmacros.h>
 #include <thread>
 
 std::optional<child_process> short_holder;
@@ -63,14 +62,12 @@ void expect_answers(const way_to_hold &way) {
     const temporary_tree tree{{"soft", "-> file"}};
     fs::copy_file("/bin/sleep", "file");
     fs::create_hard_link("file", "hard");
-    unique_fd own;
-    {
-        const child_process holder([&] { way.hold("hard"); });
-        EXPECT_EQ(ask("soft").first, way.is_use);
-        EXPECT_EQ(ask("soft", PROCFS_FIND_HOLDER), answer(way.is_use, way.is_use * holder.pid));
-        own.reset(open("hard", O_RDONLY | O_CLOEXEC));
-        EXPECT_EQ(ask("soft").first, way.is_use) << "where the service has it open too";
-    }
+    std::optional<child_process> holder([&] { way.hold("hard"); });
+    EXPECT_EQ(ask("soft").first, way.is_use);
+    EXPECT_EQ(ask("soft", PROCFS_FIND_HOLDER), answer(way.is_use, way.is_use * holder->pid));
+    const unique_fd own(open("hard", O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(ask("soft").first, way.is_use) << "where the service has it open too";
+    holder.reset();
     EXPECT_EQ(ask("soft"), answer(0, 0)) << "where only the service has it open";
 }
 
@@ -96,8 +93,7 @@ TEST(SocketServer, ListensOrHasADatagramSocket) {
 }
 
 TEST(InUse, NotWhereAPathLeadsToNoFile) {
-    for (const std::string &path :
-         {std::string("/no/file"), std::string("/etc/passwd/x"), std::string(300, 'n')})
+    for (const std::string &path : {std::string("/etc/passwd/x"), std::string(300, 'n')})
         EXPECT_EQ(ask(path), answer(0, 0)) << path;
     EXPECT_EQ(ask(std::string(5000, '/') + "etc/passwd").first, 1) << "too long to be asked about";
 }
@@ -127,6 +123,6 @@ TEST(ProcTables, MappingsOnAnOverlayAreTheFilesByInodeOrName) {
                                         {"7f-80 r--p 00 fe:1a 47110    /name/a\n", false}}) {
         std::string line = text;
         const unique_file table(fmemopen(line.data(), line.size(), "r"));
-        EXPECT_EQ(maps_file(table.get(), {makedev(0xfe, 0x1a), 4711}, "name"), is_file) << line;
+        EXPECT_EQ(maps_file(table.get(), {0xfe1a, 4711}, "name"), is_file) << line;
     }
 }

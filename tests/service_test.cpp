@@ -80,7 +80,7 @@ BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (readlinkat)(getdents64)(fsync)(fchown)(fchmod)(
 unsigned int sleeps;
 uint64_t now, step_us = 1000000;
 std::vector<uint64_t> readings; // of the clock that are to come, SIGTERM at the last
-std::function<void()> during_sleep, during_reload;
+std::function<void()> during_sleep, during_reload = [] {};
 
 uint64_t monotonic_clock_us() {
     if (readings.empty())
@@ -138,7 +138,6 @@ void live(const std::function<void()> &begin, const char *option) {
         now += check_interval_us;
         raise(sleeps++ == 0 ? SIGHUP : SIGTERM);
     };
-    during_reload = [] {};
     begin();
     std::string program, words = option;
     char *arguments[] = {program.data(), words.data()};
@@ -186,8 +185,7 @@ std::string run_one(const scenario &row, const fault &fault) {
     SCOPED_TRACE(fault.call + std::to_string(fault.nth) + " " + std::to_string(fault.what));
     const temporary_tree tree{{"program", "program"}, {"event.toml", event}};
     make_tree(".", row.before);
-    calls->count = 0;
-    calls->came = false;
+    *calls = {};
     std::optional<child_process> other;
     if (row.holders > 1)
         other.emplace([] { open(arriving.c_str(), O_RDONLY | O_CLOEXEC); });
