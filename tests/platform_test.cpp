@@ -73,20 +73,22 @@ void expect_answers(const way_to_hold &way) {
 
 const bool registered = register_rows("InUse", ways, expect_answers);
 
-// Bound by a relative path, whose file and folder have other names by now.
+// The type of a socket, and whether it is served. It is bound by a relative path, whose file and
+// folder have other names by now.
 TEST(SocketServer, ListensOrHasADatagramSocket) {
-    for (const auto &[type, is_served] :
+    for (const auto &row :
          {std::pair(SOCK_STREAM, true), {SOCK_DGRAM, true}, {SOCK_STREAM, false}}) {
         const temporary_tree tree{{"folder/", ""}};
-        std::optional<child_process> server([&, type = type, is_served = is_served] {
-            const int fd = bound_socket("folder/socket", type).release();
-            if (is_served)
+        std::optional<child_process> server([&] {
+            const int fd = bound_socket("folder/socket", row.first).release();
+            if (row.second)
                 listen(fd, 1); // fails for datagrams, which need none
             fs::rename("folder/socket", "folder/renamed");
             fs::rename("folder", "moved");
         });
-        EXPECT_EQ(get_socket_server_pid("moved/renamed", 0), is_served ? server->pid : -1);
-        EXPECT_EQ(get_socket_server_pid("moved/renamed", SOCKET_SERVER_NO_PID), is_served ? 0 : -1);
+        EXPECT_EQ(get_socket_server_pid("moved/renamed", 0), row.second ? server->pid : -1);
+        EXPECT_EQ(get_socket_server_pid("moved/renamed", SOCKET_SERVER_NO_PID),
+                  row.second ? 0 : -1);
         server.reset();
         EXPECT_EQ(get_socket_server_pid("moved/renamed", 0), -1);
     }
