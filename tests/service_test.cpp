@@ -31,7 +31,7 @@ struct fault {
 };
 const fault *wanted; // null: the calls are not counted
 bool is_on;
-unsigned int seen;
+unsigned int seen, sleeps;
 
 // A positive errno value: fail so. Else make the call, with cut_short for one byte only.
 int begin_call(const char *name) {
@@ -77,7 +77,6 @@ BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (close)(fclose)(openat)(stat)(lstat)(fstat)(fsta
 BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (fstatfs)(mkdirat)(renameat)(unlinkat)(unlink)(readlink))
 BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (readlinkat)(getdents64)(fsync)(fchown)(fchmod)(flock)(fcntl))
 
-unsigned int sleeps;
 uint64_t now, step_us = 1000000;
 std::vector<uint64_t> readings; // of the clock that are to come, SIGTERM at the last
 std::function<void()> during_sleep, during_reload = [] {};
