@@ -1,6 +1,5 @@
 // The check program: the finding for each mistake, and the announcement of a pass.
 #include "check/check.h"
-#include "config/configuration_load.h"
 #include "config/watch_entry.h"
 #include "service/main_storage.h"
 #include "tests/support.h"

@@ -28,7 +28,7 @@ const struct load_case {
     {"NoFile", "", "gone: No such file or directory\n"},
     {"Fifo", "-> fifo", "c.toml: TOML parse error: not a regular file\n"},
     {"LinkToAFile", "-> good", "section 'event'\n", "event: w > t\n"},
-    {"Nothing", "[even]\n@[Event1]\n@[my_event]\n@[[eventlist]]\n@", ""},
+    {"Nothing", "[even]\n@[Event1]\n@[my_event]\n@[[eventlist]]\n@", "||"},
     {"Patterns", "[events]\n'match pattern' = ['b', 'a']\n@", "section", "events: w > t b a\n"},
     {"NoPattern", "[event]\n'match pattern' = 5\n@[event.sub]\n@", "section", "event: w > t\n"},
     {"NumberedArray", "[[event]]\n[[event]]\n@", "table array\nWarning: Invalid", numbered},
@@ -50,7 +50,8 @@ void check_load(const load_case &row) {
     configuration_path = row.file.empty() ? "gone" : "c.toml";
     configuration.clear();
     const auto before = open_descriptors();
-    EXPECT_TRUE(has(output_of([] { (void)try_load_configuration(); }), row.line));
+    const std::string lines = output_of([] { (void)try_load_configuration(); });
+    EXPECT_TRUE(has("|" + lines + "|", row.line));
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_EQ(entries(), row.entries);
 }

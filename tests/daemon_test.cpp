@@ -1,13 +1,16 @@
 // Runs of the real executable, with /mnt, /etc, /run and /dev of its own.
 #include "tests/support.h"
 
+#include <sys/mount.h>
+
 constexpr char config_path[] = "/etc/vel4_watch_folder.toml";
 constexpr char pid_path[] = "/run/vel4_watch_folder_service.pid";
 const std::string event = "[event]\n'watch path' = '/mnt/main/in'\n'match pattern' = 'wav$'\n"
                           "'target file' = '/mnt/main/play/t.wav'\n";
 
-// For this process and its children only.
-bool has_machine() {
+// Gives this process and its children a /mnt, /etc, /run and /dev of their own. False where that is
+// not allowed.
+bool enter_private_mounts() {
     bool is_private = unshare(CLONE_NEWNS) == 0 &&
                       mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
     for (const char *path : {"/mnt", "/etc", "/run", "/dev"})
@@ -16,6 +19,7 @@ bool has_machine() {
         return false;
     fs::copy_file(DAEMON, "/mnt/service"); // the lock is that of this file
     make_tree("/mnt", {{"storage/play/", ""}, {"main", "-> storage"}, {"/dev/null", ""}});
+    alarm(60); // nothing waits
     return true;
 }
 
@@ -31,7 +35,7 @@ struct daemon_process : child_process {
               dup2(open("/run/err", O_WRONLY | O_CREAT | O_APPEND, 0644), STDERR_FILENO);
               close(STDIN_FILENO);
               closefrom(STDERR_FILENO + 1);
-              execl(program, program, option, nullptr);
+              _exit(execl(program, program, option, nullptr));
           }) {}
     // Sends the signal and returns the exit status.
     int stop(int signal_number) const {
@@ -62,9 +66,9 @@ const struct start_case {
     {"NoPidFile", nullptr, event, 1, "write PID file /var/run/vel4_watch_folder_service.pid\n"},
 };
 
-// Nothing can be written to the PID file.
+// The PID file is a folder, so it cannot be written.
 void check_start(const start_case &row) {
-    if (!has_machine())
+    if (!enter_private_mounts())
         GTEST_SKIP() << "no private mount namespace to be had here";
     make_tree(pid_path, {{"/etc/good", event}, {config_path, row.file}, {"x", ""}});
     EXPECT_EQ(daemon_process(row.option).stop(0), row.status);
@@ -74,7 +78,7 @@ void check_start(const start_case &row) {
 const bool registered = register_rows("Start", start_cases, check_start);
 
 TEST(Daemon, RunsUntilItIsStopped) {
-    if (!has_machine())
+    if (!enter_private_mounts())
         GTEST_SKIP() << "no private mount namespace to be had here";
     const unique_fd log = bound_socket("/dev/log", SOCK_DGRAM);
     make_tree("/mnt", {{"main/in/new.wav", "new"},
@@ -114,7 +118,7 @@ TEST(Daemon, RunsUntilItIsStopped) {
 
 // Of another executable file, beside the first, on a folder tree, with nobody who reads its lines.
 TEST(Daemon, RunsOnAFolderTree) {
-    if (!has_machine())
+    if (!enter_private_mounts())
         GTEST_SKIP() << "no private mount namespace to be had here";
     make_tree("/mnt/main", {{"Upload/A/one", "1"}, {"b/Upload/A/one", "2"}, {pid_path, "a"}});
     fs::copy_file("/mnt/service", "/mnt/copy");

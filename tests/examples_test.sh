@@ -13,7 +13,7 @@ touch ARCHIVE/linked elsewhere/kept
 ln -s ../elsewhere ARCHIVE/.linked.metadir
 ln -s ../elsewhere/kept ARCHIVE/link
 ln -s ../elsewhere other/ARCHIVE
-sleep 1.1 # older than the second in which it runs, the clock of the limit
+sleep 1.1 # the limit is in whole seconds; the files must be older
 before=$(ls -AR)
 "$thin" --dry-run 0 "$work/ARCHIVE" | grep -c '^Would remove' | grep -qx 6
 "$thin" 1 "$work/ARCHIVE"

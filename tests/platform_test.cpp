@@ -31,7 +31,7 @@ void map_it(const char *file) {
     (void)mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, unique_fd(open(file, O_RDONLY)).get(), 0);
 }
 
-// The first thread ends; the parent is told only then.
+// Another thread holds the file. The parent is told when the first thread has ended.
 template<void (*hold)(const char *)> void outlive_first_thread(const char *file) {
     std::thread([file] {
         hold(file);

@@ -8,6 +8,7 @@
 #include "tests/support.h"
 
 #include <boost/preprocessor/seq/for_each.hpp>
+#include <iostream>
 #include <malloc.h>
 #include <syslog.h>
 
@@ -16,7 +17,7 @@ int service_main(int argc, char **argv); // main() of the service
 constexpr unsigned int samples_per_call = 16;
 constexpr int cut_short = -1, killed = -2; // besides errno values
 
-// The calls of a life, shared with the process in which that is.
+// The calls of a life, in memory shared with its process.
 struct call_log {
     size_t count;
     const char *names[65536];
@@ -33,7 +34,8 @@ const fault *wanted; // null: the calls are not counted
 bool is_on;
 unsigned int seen, sleeps;
 
-// A positive errno value: fail so. Else make the call, with cut_short for one byte only.
+// Returns an errno value with which the call is to fail. Else it is made, after cut_short for one
+// byte only.
 int begin_call(const char *name) {
     if (!is_on)
         return 0;
@@ -149,7 +151,7 @@ void live(const std::function<void()> &begin, const char *option) {
     EXPECT_TRUE(!fs::exists("pid") || (wanted != nullptr && strcmp(wanted->call, "unlink") == 0));
 }
 
-// The status of a process that lives, and that fails where a check in it does.
+// Runs a life in a child process. Its wait status is 0 only if every check in it held.
 int status_of_life(
     const std::function<void()> &begin = [] {}, const char *option = "") {
     fflush(nullptr);
@@ -159,7 +161,7 @@ int status_of_life(
         fflush(nullptr);
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
-    int status = 0;
+    int status = -1;
     waitpid(child, &status, 0);
     return status;
 }
@@ -209,7 +211,7 @@ std::string run_one(const scenario &row, const fault &fault) {
     return lines;
 }
 
-std::vector<int> faults_that_fit(const std::string &call) {
+std::vector<int> faults_of(const std::string &call) {
     if (call == "read" || call == "write")
         return {killed, EIO, ENOSPC, EINTR, cut_short};
     return {killed, EIO, EACCES, ENOMEM, EXDEV, EINTR};
@@ -228,8 +230,8 @@ void run_all(const scenario &row) {
     unsigned int errors = 0, kills = 0;
     for (const auto &[name, count] : counts)
         for (unsigned int nth = 1; nth <= count && !testing::Test::HasFailure();
-             nth += 1 + count / samples_per_call)
-            for (const int what : faults_that_fit(name)) {
+             nth += 1 + (count - 1) / samples_per_call)
+            for (const int what : faults_of(name)) {
                 lines += run_one(row, {name, nth, what});
                 (what == killed ? kills : errors) += calls->came ? 1U : 0U;
             }
@@ -272,14 +274,11 @@ TEST(MainLoop, ManySighupsAreOneReloadAndOneDuringItIsAnother) {
     EXPECT_EQ(steps_of_life([] {
                   readings = {0, 0, 0, 500000, 500000};
                   during_sleep = [] {
-                      raise(SIGHUP);
-                      raise(SIGHUP);
-                      during_sleep = [] {};
+                      for (; sleeps < 2; ++sleeps)
+                          raise(SIGHUP);
                   };
-                  during_reload = [] {
-                      raise(SIGHUP);
-                      during_reload = [] { fs::remove(configuration_path); };
-                  };
+                  // The first reload is asked for another, which finds no file.
+                  during_reload = [] { sleeps++ == 2 ? raise(SIGHUP) : unlink("event.toml"); };
               }),
               "zRzRCz");
 }

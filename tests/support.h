@@ -1,4 +1,4 @@
-// What the tests share: rows, temporary trees, output, other processes, mounts.
+// What the tests share: rows, temporary trees, output, sockets, other processes.
 #ifndef TESTS_SUPPORT_H
 #define TESTS_SUPPORT_H
 
@@ -11,12 +11,10 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
-#include <iostream>
 #include <map>
 #include <optional>
 #include <regex>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -125,19 +123,20 @@ inline unique_fd bound_socket(const std::string &path, int type) {
 // A child that runs a function, or what that executes, and stays until it is destroyed.
 struct child_process {
     template<typename Start> explicit child_process(Start start) {
-        int ready[2];
+        int ready[2] = {-1, -1};
         EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
         const unique_fd reader(ready[0]);
-        pid = fork();
+        if ((pid = fork()) < 0)
+            abort(); // kill(-1) would reach every process
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL); // also where the test is ended from outside
-            start();
+            [&]() noexcept { start(); }();    // an exception ends the child
             close(ready[1]);
             while (true)
                 pause();
         }
         close(ready[1]);
-        EXPECT_EQ(read(ready[0], ready, 1), 0) << "start() has returned or executes";
+        EXPECT_EQ(read(ready[0], ready, 1), 0); // start() has returned or executes
     }
     child_process(const child_process &) = delete;
     ~child_process() {
