@@ -74,7 +74,7 @@ WRAP_WITH(open, -1, redirected(a), c)
 WRAP_WITH(realpath, 0, reinterpret_cast<long>("."), c) // the main storage
 WRAP_WITH(read, -1, a, error == cut_short ? 1 : c)
 WRAP_WITH(write, -1, a, error == cut_short ? 1 : c)
-BOOST_PP_SEQ_FOR_EACH(WRAP, 0, (opendir)(readdir)(fopen))
+BOOST_PP_SEQ_FOR_EACH(WRAP, 0, (opendir)(readdir)(fopen)(calloc))
 BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (close)(fclose)(openat)(stat)(lstat)(fstat)(fstatat)(statx))
 BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (fstatfs)(mkdirat)(renameat)(unlinkat)(unlink)(readlink))
 BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (readlinkat)(getdents64)(fsync)(fchown)(fchmod)(flock)(fcntl))
