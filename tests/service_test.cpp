@@ -34,8 +34,8 @@ const fault *wanted; // null: the calls are not counted
 bool is_on;
 unsigned int seen, sleeps;
 
-// Returns an errno value with which the call is to fail. Else it is made, after cut_short for one
-// byte only.
+// Returns the errno value with which the call has to fail. Otherwise the call is made; cut_short
+// limits it to one byte.
 int begin_call(const char *name) {
     if (!is_on)
         return 0;
@@ -277,7 +277,7 @@ TEST(MainLoop, ManySighupsAreOneReloadAndOneDuringItIsAnother) {
                       for (; sleeps < 2; ++sleeps)
                           raise(SIGHUP);
                   };
-                  // The first reload is asked for another, which finds no file.
+                  // A SIGHUP comes during the first reload; the second one finds no file.
                   during_reload = [] { sleeps++ == 2 ? raise(SIGHUP) : unlink("event.toml"); };
               }),
               "zRzRCz");
