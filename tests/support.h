@@ -45,28 +45,26 @@ inline std::string read_file(const fs::path &path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// Makes the folders that lead to the file.
+// Makes the folders that lead to it. "-> TEXT" stands for a symbolic link; a path that ends in a
+// slash, for an empty folder.
 inline void write_file(const fs::path &path, const std::string &text) {
     fs::create_directories(fs::absolute(path).parent_path());
-    std::ofstream(path, std::ios::binary) << text;
+    if (text.compare(0, 3, "-> ") == 0)
+        fs::create_symlink(text.substr(3), path);
+    else if (path.has_filename())
+        std::ofstream(path, std::ios::binary) << text;
 }
 
 inline testing::AssertionResult has(const std::string &text, const std::string &part) {
     return testing::AssertionResult(text.find(part) != std::string::npos) << text;
 }
 
-// Paths with their contents. "-> TEXT" stands for a symbolic link; a path that ends in a slash, for
-// an empty folder.
+// Paths with their contents, as write_file() takes them.
 using file_tree = std::map<std::string, std::string>;
 
 inline void make_tree(const fs::path &root, const file_tree &files) {
-    for (const auto &[name, content] : files) {
-        fs::create_directories((root / name).parent_path());
-        if (content.compare(0, 3, "-> ") == 0)
-            fs::create_symlink(content.substr(3), root / name);
-        else if (name.back() != '/')
-            write_file(root / name, content);
-    }
+    for (const auto &[name, text] : files)
+        write_file(root / name, text);
 }
 
 inline file_tree tree_of(const fs::path &root) {
@@ -91,24 +89,25 @@ struct temporary_tree {
         fs::current_path(root);
         make_tree(".", files);
     }
-    temporary_tree(const temporary_tree &) = delete;
     ~temporary_tree() { fs::remove_all(root); }
     fs::path root;
 };
 
-// What a function writes to a descriptor.
+inline auto open_descriptors() {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+
+// What a function writes to a descriptor. It leaves none open.
 template<typename Run> std::string output_of(Run run, int fd = STDERR_FILENO) {
     const unique_fd saved(dup(fd)), memory(memfd_create("output", MFD_CLOEXEC));
     fflush(nullptr);
     dup2(memory.get(), fd);
+    const auto before = open_descriptors();
     run();
+    EXPECT_EQ(open_descriptors(), before);
     fflush(nullptr);
     dup2(saved.get(), fd);
     return read_file("/proc/self/fd/" + std::to_string(memory.get()));
-}
-
-inline auto open_descriptors() {
-    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
 }
 
 // A socket that is bound to a name. Nobody listens yet.
@@ -120,9 +119,11 @@ inline unique_fd bound_socket(const std::string &path, int type) {
     return fd;
 }
 
-// A child that runs a function, or what that executes, and stays until it is destroyed.
+// A child that runs a function, or what that executes, and then another one again and again, until
+// it is destroyed.
 struct child_process {
-    template<typename Start> explicit child_process(Start start) {
+    template<typename Start, typename Then = int (*)()>
+    explicit child_process(Start start, Then then = pause) {
         int ready[2] = {-1, -1};
         EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
         const unique_fd reader(ready[0]);
@@ -130,18 +131,25 @@ struct child_process {
             abort(); // kill(-1) would reach every process
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL); // also where the test is ended from outside
-            [&]() noexcept { start(); }();    // an exception ends the child
-            close(ready[1]);
-            while (true)
-                pause();
+            [&]() noexcept {                  // an exception ends the child
+                start();
+                close(ready[1]);
+                while (true)
+                    then();
+            }();
         }
         close(ready[1]);
-        EXPECT_EQ(read(ready[0], ready, 1), 0); // start() has returned or executes
+        EXPECT_EQ(read(ready[0], ready, 1), 0); // start() has returned, or executes, or has ended
     }
-    child_process(const child_process &) = delete;
     ~child_process() {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
+    }
+    // The exit status, or the signal that killed it. With WNOHANG, -1 until it has ended.
+    int status(int options = 0) const {
+        siginfo_t end{};
+        waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOWAIT | options);
+        return end.si_pid == 0 ? -1 : end.si_status;
     }
     pid_t pid;
 };
