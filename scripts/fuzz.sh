@@ -11,7 +11,8 @@ seconds=${1:-10}
 shift || true
 [ $# -gt 0 ] || set -- metadata configuration_file command_line
 folder=build-fuzz
-build_in "$folder" -DVEL4_FUZZ=ON -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo
+build_in "$folder" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEL4_FUZZ=ON \
+  -DVEL4_BENCHMARKS=ON
 for target in "$@"; do
   found=$folder/corpus/$target
   mkdir -p "$found"

@@ -7,15 +7,12 @@
 
 #include <cassert>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sys/mman.h>
 
-namespace {
-
 // What was read is written back to the byte, and what is added is read back.
-[[maybe_unused]] void metadata(const std::string &input) {
+void metadata(const std::string &input) {
     metadata_text text = parse_metadata(input);
     assert(metadata_to_text(text) == input);
     const std::string name = "a=\\" + input.substr(0, input.find('\0')) + "\n", value = "\n\\";
@@ -26,7 +23,7 @@ namespace {
 }
 
 // Nothing is thrown, and only usable entries get in.
-[[maybe_unused]] void configuration_file(const std::string &input) {
+void configuration_file(const std::string &input) {
     static const int fd = memfd_create("configuration", MFD_CLOEXEC);
     configuration_path = "/proc/self/fd/" + std::to_string(fd);
     std::ofstream(configuration_path, std::ios::binary) << input;
@@ -37,7 +34,7 @@ namespace {
 }
 
 // Arguments that end in NUL: what is taken for the directory is one of them, or the end of one.
-[[maybe_unused]] void command_line(const std::string &input) {
+void command_line(const std::string &input) {
     std::vector<const char *> arguments = {"program"};
     for (size_t at = 0; at < input.size() && arguments.size() < 9; at += strlen(&input[at]) + 1)
         arguments.push_back(&input[at]);
@@ -49,19 +46,7 @@ namespace {
     assert(input.empty() || (input + '\0').find(directory + '\0') != std::string::npos);
 }
 
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const char *data, size_t size) {
     FUZZ_TARGET({data, size});
     return 0;
 }
-
-#ifdef REPLAY // the inputs that are kept, in the folder that is the last argument
-int main(int argc, char **argv) {
-    assert(!std::filesystem::is_empty(argv[argc - 1]));
-    for (const auto &item : std::filesystem::directory_iterator(argv[argc - 1])) {
-        std::ifstream in(item.path(), std::ios::binary);
-        FUZZ_TARGET({std::istreambuf_iterator<char>(in), {}});
-    }
-}
-#endif
