@@ -14,7 +14,7 @@
 
 int service_main(int argc, char **argv); // main() of the service
 
-constexpr unsigned int samples_per_call = 16;
+constexpr unsigned int samples_per_call = 12;
 constexpr int cut_short = -1, killed = -2; // besides errno values
 
 // The calls of a life, in memory shared with its process.
@@ -118,7 +118,7 @@ const struct scenario {
     const char *name;
     file_tree before;
     const char *line;      // printed in at least one run
-    std::string held = {}; // by another process
+    std::string held = {}; // by the service, so that it looks at each process, and by another one
 } scenarios[] = {
     {"FirstDelivery", first, "Cannot make ARCHIVE directory, Input/output error\n"},
     {"Replacement", replacement,
@@ -133,6 +133,8 @@ void live(const std::function<void()> &begin, const char *option) {
     std::cout.setstate(std::ios::failbit);
     configuration_path = "event.toml";
     pid_file_path = "pid";
+    instance_lock_fd =
+        open(configuration_path.c_str(), O_RDONLY | O_CLOEXEC); // not of this program
     during_sleep = [] {
         now += check_interval_us;
         raise(sleeps++ == 0 ? SIGHUP : SIGTERM);
@@ -172,7 +174,10 @@ std::string run_one(const scenario &row, const fault &fault) {
     make_tree(".", row.before);
     calls->came = false;
     std::optional<child_process> holder([&] { open(row.held.c_str(), O_RDONLY | O_CLOEXEC); });
-    const int status = status_of_life([&] { wanted = &fault; });
+    const int status = status_of_life([&] {
+        open(row.held.c_str(), O_RDONLY | O_CLOEXEC);
+        wanted = &fault;
+    });
     holder.reset();
     const bool is_killed = fault.what == killed && calls->came;
     std::string lines = read_file("errors");
