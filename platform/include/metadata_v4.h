@@ -8,7 +8,7 @@
 //
 // Owns:   a context owns its texts and descriptors, a list its entries; both end with their
 //         destroy.
-// Errors: functions that return int give a negative number, with errno, unless they say otherwise.
+// Errors: functions that return int give a negative number, unless they say otherwise.
 // Prints: nothing.
 //
 // Whoever can write into a watch folder can plant anything there. Nothing here follows a symbolic
@@ -51,7 +51,7 @@ typedef struct metadata_v4_metadata_context {
     int32_t descriptor;
 } metadata_v4_metadata_context;
 
-// One entry; either text may be null. Valid until the list is changed, loaded or destroyed.
+// One entry; either text may be null. Valid until the next call with the list.
 typedef struct metadata_v4_metadata_entry {
     char *name;
     char *value;
@@ -72,16 +72,15 @@ metadata_v4_context *metadata_v4_context_create(void);
 // Closes the handles and releases the context, which may be null.
 void metadata_v4_context_destroy(metadata_v4_context *context);
 
-// Splits path and closes the handles of an earlier location. Opens nothing and does not need the
-// file to exist. On failure (no last component, out of memory) the context has no location.
+// Splits path, for a context without location. Opens nothing and does not need the file to exist.
+// On failure (no last component, out of memory) the context has no location.
 int metadata_v4_context_set_file_location(metadata_v4_context *context, const char *path);
 
-// Opens the file in the opened directory with O_PATH, without following a symbolic link. Fails with
-// ESTALE, and closes the directory, when it is another one than that in which the file of this
-// location was first opened.
+// Opens the file in the opened directory with O_PATH, without following a symbolic link. Fails when
+// the directory is another one than that in which the file of this location was first opened.
 int metadata_v4_context_open_the_file(metadata_v4_context *context);
 
-// Closes what is open and opens the directory, the file, as above, and the metadata directory.
+// Opens the directory, the file, as above, and the metadata directory; none may be open.
 // Fails when the file is not there; it then makes nothing. A directory that is made belongs to the
 // user of the process, and is readable to whom the file is, less the umask. What was opened before
 // a failure stays open.
@@ -118,9 +117,8 @@ int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_con
 metadata_v4_metadata_entry *
 metadata_v4_metadata_context_read_entry(metadata_v4_metadata_context *list, uint64_t index);
 
-// Change an entry of the list, or add one at its end. The name must not be empty. On failure, which
-// is for lack of memory, the list is unchanged and no longer bound, so that it is not stored
-// without the change.
+// Change the entry that was read last, or add one at the end. The name must not be empty. On
+// failure, which is for lack of memory, the list is no longer bound and is not stored.
 int metadata_v4_metadata_context_set_name_value_pair(metadata_v4_metadata_context *list,
                                                      metadata_v4_metadata_entry *entry,
                                                      const char *name, size_t name_length,

@@ -17,13 +17,6 @@ void close_one(int32_t &fd) {
     unique_fd(std::exchange(fd, -1)).reset();
 }
 
-void forget_location(metadata_v4_context *context) {
-    metadata_v4_context_close_file_handles(context);
-    for (char **text : {&context->dir_path, &context->file_name, &context->metadir_name})
-        free(std::exchange(*text, nullptr));
-    context->dir_device = context->dir_inode = 0;
-}
-
 // Is the opened directory the one that the file of this location was first opened in? Links on the
 // way are followed: a target may be configured through one. But whoever can change a folder on the
 // way can also have it lead elsewhere between two openings, past what was validated at the first.
@@ -35,29 +28,24 @@ bool check_directory(metadata_v4_context *context) {
         context->dir_device = status.st_dev;
         context->dir_inode = status.st_ino;
     }
-    if (context->dir_device == status.st_dev && context->dir_inode == status.st_ino)
-        return true;
-    close_one(context->dir_fd);
-    errno = ESTALE;
-    return false;
+    return context->dir_device == status.st_dev && context->dir_inode == status.st_ino;
 }
 
-int open_directory_at(int at, const char *name) {
-    return openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+bool open_metadir(metadata_v4_context *context) {
+    context->metadir_fd = openat(context->dir_fd, context->metadir_name,
+                                 O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    return context->metadir_fd >= 0;
 }
 
-// Makes and opens the metadata directory, readable to whom the file is. Its owner stays that of the
-// process: by the time it is opened, somebody may have put another directory under the name.
-int make_metadir(metadata_v4_context *context) {
+// Makes the metadata directory, readable to whom the file is. Its owner stays that of the process:
+// by the time it is opened, somebody may have put another directory under the name.
+bool make_metadir(const metadata_v4_context *context) {
     struct stat file {};
     if (fstat(context->file_fd, &file) != 0)
-        return -1;
+        return false;
     const mode_t readers = file.st_mode & (S_IRGRP | S_IROTH);
     const mode_t mode = S_IRWXU | readers | (readers >> 2);
-    if (mkdirat(context->dir_fd, context->metadir_name, mode) != 0)
-        return -1;
-    context->metadir_fd = open_directory_at(context->dir_fd, context->metadir_name);
-    return context->metadir_fd >= 0 ? 0 : -1;
+    return mkdirat(context->dir_fd, context->metadir_name, mode) == 0;
 }
 
 } // namespace
@@ -72,12 +60,13 @@ metadata_v4_context *metadata_v4_context_create(void) {
 void metadata_v4_context_destroy(metadata_v4_context *context) {
     if (context == nullptr)
         return;
-    forget_location(context);
+    metadata_v4_context_close_file_handles(context);
+    for (char *text : {context->dir_path, context->file_name, context->metadir_name})
+        free(text);
     free(context);
 }
 
 int metadata_v4_context_set_file_location(metadata_v4_context *context, const char *path) {
-    forget_location(context);
     const char *slash = strrchr(path, '/');
     const char *name = slash == nullptr ? path : slash + 1;
     char metadir[NAME_MAX + 1];
@@ -93,15 +82,13 @@ int metadata_v4_context_set_file_location(metadata_v4_context *context, const ch
         context->metadir_name = strdup(metadir);
     if (context->dir_path == nullptr || context->file_name == nullptr ||
         (has_metadir && context->metadir_name == nullptr)) {
-        forget_location(context);
-        errno = ENOMEM;
+        free(std::exchange(context->dir_path, nullptr));
         return -1;
     }
     return 0;
 }
 
 int metadata_v4_context_open_the_file(metadata_v4_context *context) {
-    close_one(context->file_fd);
     if (!check_directory(context))
         return -1;
     // O_PATH: no device is opened, no FIFO waited for, and it does not count as an open.
@@ -110,19 +97,15 @@ int metadata_v4_context_open_the_file(metadata_v4_context *context) {
 }
 
 int metadata_v4_context_open_file_handles(metadata_v4_context *context) {
-    metadata_v4_context_close_file_handles(context);
-    if (context->metadir_name == nullptr) {
-        errno = EINVAL;
+    if (context->metadir_name == nullptr)
         return -1;
-    }
     context->dir_fd = open(context->dir_path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (context->dir_fd < 0 || metadata_v4_context_open_the_file(context) < 0)
         return -1;
-    context->metadir_fd = open_directory_at(context->dir_fd, context->metadir_name);
-    if (context->metadir_fd < 0 && errno == ENOENT &&
-        (context->flags & METADATA_V4_CREATE_METADIR) != 0)
-        return make_metadir(context);
-    return context->metadir_fd < 0 ? -1 : 0;
+    if (open_metadir(context))
+        return 0;
+    const bool may_be_made = errno == ENOENT && (context->flags & METADATA_V4_CREATE_METADIR) != 0;
+    return may_be_made && make_metadir(context) && open_metadir(context) ? 0 : -1;
 }
 
 void metadata_v4_context_close_file_handles(metadata_v4_context *context) {

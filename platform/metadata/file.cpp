@@ -31,7 +31,7 @@ bool write_all(int fd, const std::string &text) {
     for (size_t done = 0; done < text.size();) {
         const ssize_t count = TEMP_FAILURE_RETRY(write(fd, text.data() + done, text.size() - done));
         if (count <= 0)
-            return count < 0 ? false : fail(EIO);
+            return false;
         done += static_cast<size_t>(count);
     }
     return true;
@@ -44,8 +44,7 @@ unique_fd create_temporary(int metadir_fd) {
                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
-} // namespace
-
+// What may not be changed stays as it is.
 bool set_owner(int fd, const file_owner &owner) {
     struct stat status {};
     // The mode first: it belongs to the owner to change.
@@ -54,6 +53,8 @@ bool set_owner(int fd, const file_owner &owner) {
     const bool differs = status.st_uid != owner.uid || status.st_gid != owner.gid;
     return !differs || fchown(fd, owner.uid, owner.gid) == 0 || errno == EPERM;
 }
+
+} // namespace
 
 bool read_metadata_file(int metadir_fd, std::string &text, file_owner &owner) {
     const unique_fd fd(openat(metadir_fd, metadata_name,
@@ -71,16 +72,15 @@ bool read_metadata_file(int metadir_fd, std::string &text, file_owner &owner) {
 
 bool replace_metadata_file(int metadir_fd, const std::string &text, const file_owner &owner) {
     if (text.size() > metadata_size_limit)
-        return fail(EFBIG); // it could never be read again
+        return false; // it could never be read again
     const unique_fd fd = create_temporary(metadir_fd);
     if (!fd)
         return false;
     if (!set_owner(fd.get(), owner) || !write_all(fd.get(), text) ||
         TEMP_FAILURE_RETRY(fsync(fd.get())) != 0 ||
         renameat(metadir_fd, temporary_name, metadir_fd, metadata_name) != 0) {
-        const int saved = errno;
         unlinkat(metadir_fd, temporary_name, 0);
-        return fail(saved);
+        return false;
     }
     // A file system that cannot sync a directory says so with EINVAL; there is nothing more to do.
     return TEMP_FAILURE_RETRY(fsync(metadir_fd)) == 0 || errno == EINVAL;

@@ -1,6 +1,6 @@
 // The metadata file in an opened metadata directory: reading it, and replacing it durably.
 //
-// Errors: false with errno.
+// Errors: false.
 #ifndef PLATFORM_METADATA_FILE_H
 #define PLATFORM_METADATA_FILE_H
 
@@ -15,13 +15,9 @@ struct file_owner {
     gid_t gid;
 };
 
-// Gives an opened file or directory a mode, an owner and a group, the latter two only where they
-// differ. What may not be changed stays as it is, and is no error.
-[[nodiscard]] bool set_owner(int fd, const file_owner &owner);
-
-// Reads the whole file and stores its owner. Fails with ENOENT when there is none, with the owner
-// that a new one is to have, and for anything but a regular file of at most metadata_size_limit
-// bytes.
+// Reads the whole file and stores its owner. Fails for anything but a regular file of at most
+// metadata_size_limit bytes. errno is ENOENT only where there is none, and the owner is then that
+// which a new one is to have.
 [[nodiscard]] bool read_metadata_file(int metadir_fd, std::string &text, file_owner &owner);
 
 // Writes a temporary file, syncs it, renames it over the metadata file and syncs the directory. On

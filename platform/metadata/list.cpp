@@ -5,13 +5,15 @@
 
 #include <cerrno>
 #include <new>
-#include <utility>
 
 namespace {
 
 struct stored_list : metadata_v4_metadata_context {
     stored_list() : metadata_v4_metadata_context{} { descriptor = -1; }
-    metadata_text text;
+    std::vector<std::string> lines;
+    uint64_t index = 0; // of the entry that was read last
+    metadata_v4_metadata_entry entry{};
+    std::string entry_texts;
     file_owner owner{};
 };
 
@@ -26,7 +28,6 @@ template<typename Action> int guarded(metadata_v4_metadata_context *list, Action
         return action();
     } catch (const std::bad_alloc &) {
         list->descriptor = -1;
-        errno = ENOMEM;
         return -1;
     }
 }
@@ -50,8 +51,8 @@ int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_co
         if (!read_metadata_file(context->metadir_fd, raw, stored(list).owner) &&
             (for_writing == 0 || errno != ENOENT))
             return -1;
-        stored(list).text = parse_metadata(std::move(raw));
-        list->entry_count = stored(list).text.lines.size();
+        stored(list).lines = split_metadata(raw);
+        list->entry_count = stored(list).lines.size();
         if (for_writing != 0)
             list->descriptor = context->metadir_fd;
         return 0;
@@ -62,25 +63,33 @@ int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_con
                                                         metadata_v4_context * /*context*/,
                                                         int /*flags*/, void * /*reserved*/) {
     return guarded(list, [list] {
-        const std::string text = metadata_to_text(stored(list).text);
+        std::string text;
+        for (const std::string &line : stored(list).lines)
+            text += line;
         return replace_metadata_file(list->descriptor, text, stored(list).owner) ? 0 : -1;
     });
 }
 
 metadata_v4_metadata_entry *
 metadata_v4_metadata_context_read_entry(metadata_v4_metadata_context *list, uint64_t index) {
-    return index < list->entry_count ? &stored(list).text.lines[index].texts : nullptr;
+    stored_list &self = stored(list);
+    if (index >= list->entry_count)
+        return nullptr;
+    self.index = index;
+    const int status = guarded(list, [&] {
+        self.entry = decode_line(self.lines[index], self.entry_texts);
+        return 0;
+    });
+    return status == 0 ? &self.entry : nullptr;
 }
 
 int metadata_v4_metadata_context_set_name_value_pair(metadata_v4_metadata_context *list,
-                                                     metadata_v4_metadata_entry *entry,
+                                                     metadata_v4_metadata_entry * /*entry*/,
                                                      const char *name, size_t /*name_length*/,
                                                      const char *value, size_t /*value_length*/,
                                                      int /*reserved*/) {
     return guarded(list, [&] {
-        // An entry is the first member of its line.
-        change_metadata_line(stored(list).text, *reinterpret_cast<metadata_line *>(entry), name,
-                             value);
+        change_line(stored(list).lines[stored(list).index], name, value);
         return 0;
     });
 }
@@ -90,8 +99,11 @@ int metadata_v4_metadata_context_add_name_value_pair(metadata_v4_metadata_contex
                                                      const char *value, size_t /*value_length*/,
                                                      int /*reserved*/) {
     return guarded(list, [&] {
-        add_metadata_line(stored(list).text, name, value);
-        list->entry_count = stored(list).text.lines.size();
+        std::vector<std::string> &lines = stored(list).lines;
+        if (!lines.empty() && lines.back().back() != '\n')
+            lines.back() += '\n';
+        change_line(lines.emplace_back("\n"), name, value);
+        list->entry_count = lines.size();
         return 0;
     });
 }

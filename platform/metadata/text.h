@@ -1,43 +1,22 @@
-// The text of a metadata file as a list of entries, and back.
+// The lines of a metadata file, and the entry of each.
 //
-// Owns:   a metadata_text owns all its texts; entries point into it.
 // Errors: only std::bad_alloc, thrown.
 #ifndef PLATFORM_METADATA_TEXT_H
 #define PLATFORM_METADATA_TEXT_H
 
 #include "platform/include/metadata_v4.h"
 
-#include <cstddef>
-#include <list>
-#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
-struct metadata_line {
-    metadata_v4_metadata_entry texts; // first, so that an entry's address is its line's address
-    size_t begin;                     // where its line stands in `raw`, newline included
-    size_t size;                      // 0 for an entry that was added
-    bool changed;
-};
+// Each line with its newline and the empty lines behind it: one after another they are the text.
+std::vector<std::string> split_metadata(std::string_view text);
 
-struct metadata_text {
-    std::string raw; // as read; lines that nothing changed are written back from here
-    std::unique_ptr<char[]> decoded;
-    std::vector<metadata_line> lines;
-    std::list<std::string> changed_texts; // a list does not move what entries point to
-};
+// The entry of a line, any bytes. It points into the buffer.
+metadata_v4_metadata_entry decode_line(std::string_view line, std::string &buffer);
 
-// Splits raw into entries. Any bytes are accepted.
-metadata_text parse_metadata(std::string raw);
-
-// The text to store: raw to the byte where no line was changed, changed and added entries encoded.
-std::string metadata_to_text(const metadata_text &text);
-
-// Gives an entry new texts.
-void change_metadata_line(metadata_text &text, metadata_line &line, std::string name,
-                          std::string value);
-
-// Appends an entry.
-void add_metadata_line(metadata_text &text, std::string name, std::string value);
+// Gives a line another entry, and leaves its newlines.
+void change_line(std::string &line, const char *name, const char *value);
 
 #endif

@@ -13,13 +13,17 @@
 
 // What was read is written back to the byte, and what is added is read back.
 void metadata(const std::string &input) {
-    metadata_text text = parse_metadata(input);
-    assert(metadata_to_text(text) == input);
+    std::string joined, texts;
+    for (std::string &line : split_metadata(input)) {
+        joined += line;
+        decode_line(line, texts);
+    }
+    assert(joined == input);
     const std::string name = "a=\\" + input.substr(0, input.find('\0')) + "\n", value = "\n\\";
-    add_metadata_line(text, name, value);
-    const metadata_text again = parse_metadata(metadata_to_text(text));
-    assert(again.lines.size() == text.lines.size());
-    assert(again.lines.back().texts.name == name && again.lines.back().texts.value == value);
+    std::string line = "\n";
+    change_line(line, name.c_str(), value.c_str());
+    const metadata_v4_metadata_entry again = decode_line(line, texts);
+    assert(again.name == name && again.value == value);
 }
 
 // Nothing is thrown, and only usable entries get in.
