@@ -16,12 +16,6 @@ public:
     unique_fd() = default;
     explicit unique_fd(int fd) : fd_(fd) {}
     unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
-    unique_fd &operator=(unique_fd &&other) noexcept {
-        reset(other.release());
-        return *this;
-    }
-    unique_fd(const unique_fd &) = delete;
-    unique_fd &operator=(const unique_fd &) = delete;
     ~unique_fd() { reset(); }
 
     explicit operator bool() const { return fd_ >= 0; }

@@ -41,11 +41,9 @@ void read_text(const cpptoml::table &table, const char *key, string &text) {
 
 void read_patterns(const cpptoml::table &table, std::vector<RegexState> &patterns) {
     const auto element = find_element(table, "match pattern");
-    if (element == nullptr)
-        return;
     if (const string *text = string_text(element))
         patterns.emplace_back(text->c_str());
-    else if (element->is_array())
+    else if (element != nullptr && element->is_array())
         for (const auto &item : *element->as_array())
             if (const string *item_text = string_text(item))
                 patterns.emplace_back(item_text->c_str());

@@ -7,10 +7,7 @@ RegexState::RegexState(const char *text) {
     init_regex(text);
 }
 
-// init_regex fills pattern and error itself, with the same texts as in the source.
-RegexState::RegexState(const RegexState &other) {
-    init_regex(other.pattern.c_str());
-}
+RegexState::RegexState(const RegexState &other) : RegexState(other.pattern.c_str()) {}
 
 RegexState::RegexState(RegexState &&other) noexcept
     : compiled(std::exchange(other.compiled, nullptr)), error(std::move(other.error)),

@@ -13,7 +13,6 @@ using pcre = pcre2_code;
 struct pcre_extra;
 
 constexpr int PCRE_CASELESS = 1;
-constexpr int PCRE_ERROR_NOMEMORY = -6;
 
 // A compiled pattern, which the caller frees with pcre_free; or null, with a message that stays
 // until the next failure and the offset in the pattern.
@@ -54,12 +53,8 @@ inline int pcre_exec(const pcre *code, const pcre_extra * /*extra*/, const char 
                      int length, int start, int /*options*/, int * /*offsets*/, int /*size*/) {
     const std::unique_ptr<pcre2_match_data, decltype(&pcre2_match_data_free)> match(
         pcre2_match_data_create(1, nullptr), &pcre2_match_data_free);
-    if (match == nullptr)
-        return PCRE_ERROR_NOMEMORY;
-    const int result =
-        pcre2_match(code, reinterpret_cast<PCRE2_SPTR>(subject), static_cast<PCRE2_SIZE>(length),
-                    static_cast<PCRE2_SIZE>(start), 0, match.get(), nullptr);
-    return result < 0 ? result : 0;
+    return pcre2_match(code, reinterpret_cast<PCRE2_SPTR>(subject), static_cast<PCRE2_SIZE>(length),
+                       static_cast<PCRE2_SIZE>(start), 0, match.get(), nullptr);
 }
 
 #endif
