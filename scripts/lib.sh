@@ -43,18 +43,16 @@ check_packages=(git clang-format clang-tidy clang libbenchmark-dev)
 # rest of the arguments go to the configuration. A folder that was configured with another generator
 # keeps it.
 build_in() {
-  local folder=$1 generator=(-G Ninja) log=$1/build.log
+  local folder=$1 log=$1/build.log
   shift
-  if [ -f "$folder/CMakeCache.txt" ]; then
-    generator=()
-    grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$PWD" "$folder/CMakeCache.txt" || {
-      echo "The build folder $folder is that of another checkout: remove it or set BUILD_DIR."
-      return 1
-    }
+  if [ -f "$folder/CMakeCache.txt" ] &&
+    ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$PWD" "$folder/CMakeCache.txt"; then
+    echo "The build folder $folder is that of another checkout: remove it or set BUILD_DIR."
+    return 1
   fi
   mkdir -p "$folder"
   echo "Building in $folder, the log is $log"
-  { cmake -S . -B "$folder" "${generator[@]}" "$@" &&
+  { CMAKE_GENERATOR=Ninja cmake -S . -B "$folder" "$@" &&
     cmake --build "$folder" -j "$(nproc)" ${targets[0]:+--target "${targets[@]}"}; } 2>&1 |
     tee "$log" | show_progress || { cat "$log"; return 1; }
 }
