@@ -7,7 +7,13 @@
 
 // What the check of a text prints, in which '@' is the storage; the disk stays as it is.
 std::string check_text(const std::string &text, bool dry_run = false) {
-    write_file("f.toml", std::regex_replace(text, std::regex("@"), main_path));
+    main_path = fs::current_path();
+    make_tree(".", {{"f.toml", std::regex_replace(text, std::regex("@"), main_path)},
+                    {"link", "-> /"},
+                    {"in/n.mxf", "new"},
+                    {"other/a.mxf", "1"},
+                    {"out/t", "old"},
+                    {"out/.t.metadir/metadata", "original filename=was.mxf\n"}});
     configuration.clear();
     const file_tree before = tree_of(".");
     bool good = false;
@@ -40,25 +46,14 @@ const struct mistake {
     {"SharedTarget", good + entry("0", "in/", "'m$'", "out/a"), "'@/out/a' is that of entry"},
 };
 
-struct storage : temporary_tree {
-    storage()
-        : temporary_tree{{"link", "-> /"},
-                         {"in/n.mxf", "new"},
-                         {"other/a.mxf", "1"},
-                         {"out/t", "old"},
-                         {"out/.t.metadir/metadata", "original filename=was.mxf\n"}} {
-        main_path = root;
-    }
-};
-
 const bool registered = register_rows("Mistake", mistakes, [](const mistake &row) {
-    const storage tree;
+    const temporary_tree tree;
     EXPECT_TRUE(has(check_text(row.text), row.line));
 });
 
 // The announcement of a pass, and what the pass then makes of it.
 TEST(Check, DryRunSaysWhatThePassDoes) {
-    const storage tree;
+    const temporary_tree tree;
     const std::string text = entry("1", "in", "'n'", "out/t") +
                              entry("2", "other", "'a'", "out/t") +
                              entry("3", "in", "'m$'", "out/u");

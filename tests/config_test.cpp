@@ -20,8 +20,8 @@ std::string entry(const std::string &name) {
 const std::string numbered = entry("eventarrayitem1"), too_deep = "nested too deep\n";
 const std::string deep(100000, '.'), half(3000, '['); // twice the half is too deep
 
-// In a file '@' is both paths. The line is one that the loader prints, the entries are what the
-// registry has then.
+// In a file '@' stands for the lines of both paths. The line is part of what the loader prints, the
+// entries are those of the registry afterwards.
 const struct load_case {
     const char *name;
     std::string file, line, entries = {};

@@ -23,24 +23,19 @@ bool enter_private_mounts() {
 }
 
 // A run as a careless parent starts it, with signals blocked and standard input closed.
-struct daemon_process : child_process {
-    explicit daemon_process(const char *option, const char *program = "/mnt/service")
-        : child_process([&] {
-              sigset_t blocked;
-              sigfillset(&blocked);
-              sigdelset(&blocked, SIGPIPE); // blocked, it would end nothing
-              sigprocmask(SIG_BLOCK, &blocked, nullptr);
-              dup2(open("/run/out", O_WRONLY | O_CREAT | O_APPEND, 0644), STDOUT_FILENO);
-              dup2(open("/run/err", O_WRONLY | O_CREAT | O_APPEND, 0644), STDERR_FILENO);
-              close(STDIN_FILENO);
-              closefrom(STDERR_FILENO + 1);
-              _exit(execl(program, program, option, nullptr));
-          }) {}
-    int stop(int signal_number) const {
-        kill(pid, signal_number);
-        return status();
-    }
-};
+child_process start(const char *option, const char *program = "/mnt/service") {
+    return child_process([&] {
+        sigset_t blocked;
+        sigfillset(&blocked);
+        sigdelset(&blocked, SIGPIPE); // blocked, it would end nothing
+        sigprocmask(SIG_BLOCK, &blocked, nullptr);
+        dup2(open("/run/out", O_WRONLY | O_CREAT | O_APPEND, 0644), STDOUT_FILENO);
+        dup2(open("/run/err", O_WRONLY | O_CREAT | O_APPEND, 0644), STDERR_FILENO);
+        close(STDIN_FILENO);
+        closefrom(STDERR_FILENO + 1);
+        _exit(execl(program, program, option, nullptr));
+    });
+}
 
 void wait_for(const char *file, const std::string &text) {
     while (read_file(file).find(text) == std::string::npos)
@@ -67,7 +62,7 @@ void check_start(const start_case &row) {
     if (!enter_private_mounts())
         GTEST_SKIP() << "no private mount namespace to be had here";
     make_tree(pid_path, {{"/etc/good", event}, {config_path, row.file}, {"x", ""}});
-    EXPECT_EQ(daemon_process(row.option).stop(0), row.status);
+    EXPECT_EQ(start(row.option).status(), row.status);
     EXPECT_TRUE(has(read_file("/run/out") + read_file("/run/err") + "|", row.lines + "|"));
 }
 
@@ -81,13 +76,14 @@ TEST(Daemon, RunsUntilItIsStopped) {
                        {"main/play/t.wav", "old"},
                        {config_path, event},
                        {pid_path, "a stale and longer text"}});
-    const daemon_process daemon(nullptr);
+    const child_process daemon = start(nullptr);
     wait_for("/run/err", "already=0\n");
     EXPECT_EQ(read_file(pid_path), std::to_string(daemon.pid) + "\n");
-    EXPECT_EQ(daemon_process("-d/mnt/x").stop(0), 1);
+    EXPECT_EQ(start("-d/mnt/x").status(), 1);
     kill(daemon.pid, SIGHUP);
     wait_for("/run/err", "SIGHUP\nAdded section 'event'\n");
-    EXPECT_EQ(daemon.stop(SIGTERM), 0);
+    kill(daemon.pid, SIGTERM);
+    EXPECT_EQ(daemon.status(), 0);
     EXPECT_EQ(
         read_file("/run/err"),
         "Added section 'event'\nChecking... (main='/mnt/storage')\n"
@@ -104,11 +100,10 @@ TEST(Daemon, RunsUntilItIsStopped) {
     char record[512];
     for (ssize_t size = 0; (size = recv(log.get(), record, 512, MSG_DONTWAIT)) > 0;)
         records += std::string(record, static_cast<size_t>(size)) + "\n";
-    EXPECT_EQ(std::regex_replace(records, std::regex(">.* (.*)\\[.*\\]"), ">$1"),
-              "<30>vel4_watch_folder_service: Velora watch folder service is starting normally\n"
-              "<29>vel4_watch_folder_service: Velora watch folder service received SIGHUP, "
-              "reloading configuration\n"
-              "<30>vel4_watch_folder_service: Velora watch folder service is stopping normally\n");
+    const std::regex head(">.* vel4_watch_folder_service\\[\\d+\\]: Velora watch folder service");
+    EXPECT_EQ(std::regex_replace(records, head, ""),
+              "<30 is starting normally\n<29 received SIGHUP, reloading configuration\n"
+              "<30 is stopping normally\n");
 }
 
 // Of another executable file, beside the first, on a folder tree, with nobody who reads its lines.
@@ -119,10 +114,12 @@ TEST(Daemon, RunsOnAFolderTree) {
     fs::copy_file("/mnt/service", "/mnt/copy");
     mkfifo("/run/err", 0600);
     unique_fd reader(open("/run/err", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    const daemon_process other("-d/mnt/main/b", "/mnt/copy"), daemon("-d/mnt/main");
+    const child_process other = start("-d/mnt/main/b", "/mnt/copy"), daemon = start("-d/mnt/main");
     reader.reset();
     wait_for("/mnt/main/Play/A", "1");
     wait_for("/mnt/main/b/Play/A", "2");
-    EXPECT_TRUE(daemon.stop(SIGQUIT) == 0 && other.stop(SIGINT) == 0);
+    kill(daemon.pid, SIGQUIT);
+    kill(other.pid, SIGINT);
+    EXPECT_TRUE(daemon.status() == 0 && other.status() == 0);
     EXPECT_EQ(read_file(pid_path), "a");
 }

@@ -24,7 +24,7 @@ answer ask(const std::string &file, unsigned int flags = 0) {
 }
 
 void open_it(const char *file) {
-    fcntl(unique_fd(open(file, O_RDONLY)).get(), F_DUPFD_CLOEXEC, 100);
+    fcntl(unique_fd(open(file, O_WRONLY)).get(), F_DUPFD_CLOEXEC, 100);
 }
 
 void map_it(const char *file) {

@@ -93,7 +93,7 @@ extern "C" int nanosleep(const timespec *, timespec *) {
     return 0;
 }
 
-// Nothing goes into the machine's log. Between start and stop no descriptor is left open.
+// In place of the machine's log. Between the records of start and stop no descriptor is left open.
 extern "C" void syslog(int priority, const char *, ...) {
     static const auto before = open_descriptors();
     if (priority == LOG_NOTICE)
@@ -102,54 +102,53 @@ extern "C" void syslog(int priority, const char *, ...) {
         EXPECT_EQ(open_descriptors(), before);
 }
 
-const std::string in_place = "Play/A", arriving = "Upload/A/n.mxf", new_media = "the new media";
+const std::string in_place = "Play/A", arriving = "Upload/A/n\\\n.mxf", new_media = "the new media";
 const std::string metadata_in_place = "Play/.A.metadir/metadata";
-const std::string recorded = "original filename=n.mxf\n";
+const std::string recorded = "original filename=n\\\\\\n.mxf\n";
 const std::string event = "[event]\n'watch path' = 'Upload/A'\n'match pattern' = ['x', 'mxf$']\n"
                           "'target file' = 'Play/A'\n";
 const file_tree first = {{"Play/other", "other"}, {arriving, new_media}};
-const file_tree replacement = {{in_place, "the old media"},
-                               {"Play/ARCHIVE/old.mxf", "archived before"},
-                               {metadata_in_place, "original filename=old.mxf\ncodec=a\\nb\n"},
-                               {"Upload/A/.n.mxf.metadir/metadata", "title=evening\n\nno value\n"},
-                               {arriving, new_media}};
+const file_tree replacement = {
+    {in_place, "the old media"},
+    {"Play/ARCHIVE/old.mxf", "archived before"},
+    {metadata_in_place, "original filename=old.mxf\ncodec=a\\nb\n"},
+    {"Upload/A/.n\\\n.mxf.metadir/metadata", "title=evening\n\nno value\n"},
+    {arriving, new_media}};
 
 const struct scenario {
     const char *name;
     file_tree before;
     const char *line;      // printed in at least one run
-    std::string held = {}; // by the service, so that it looks at each process, and by another one
+    std::string held = {}; // open in another process, and in the service: so it looks at each
 } scenarios[] = {
     {"FirstDelivery", first, "Cannot make ARCHIVE directory, Input/output error\n"},
-    {"Replacement", replacement,
-     "Cannot move NEW file into directory, Invalid cross-device link\n"},
-    {"ArrivingFileInUse", first, "File source 'Upload/A/n.mxf' is in use, not acting\n", arriving},
+    {"Replacement", replacement, "Cannot move NEW file into directory, Invalid cross-device"},
+    {"ArrivingFileInUse", first, "File source 'Upload/A/n\\\n.mxf' is in use, not acting",
+     arriving},
     {"TargetInUse", replacement, "File 'Play/A' is in use, not acting\n", in_place},
 };
 
-// A life in the working folder. Unless `begin` says otherwise: start, check, reload, check, stop.
-void live(const std::function<void()> &begin, const char *option) {
-    dup2(open("errors", O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
-    std::cout.setstate(std::ios::failbit);
-    configuration_path = "event.toml";
-    pid_file_path = "pid";
-    instance_lock_fd =
-        open(configuration_path.c_str(), O_RDONLY | O_CLOEXEC); // not of this program
-    during_sleep = [] {
-        now += check_interval_us;
-        raise(sleeps++ == 0 ? SIGHUP : SIGTERM);
-    };
-    std::string program, words = option;
-    char *arguments[] = {program.data(), words.data()};
-    begin();
-    service_main(words.empty() ? 1 : 2, arguments);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-}
-
-// Runs a life in a child process. Its status is 0 only if every check in it held.
+// A life in the working folder, in a child process. Unless `begin` says otherwise: start, check,
+// reload, check, stop. Its status is 0 only if every check in it held.
 int status_of_life(
     const std::function<void()> &begin = [] {}, const char *option = "") {
-    return child_process([&] { live(begin, option); }).status();
+    const auto live = [&] {
+        dup2(open("errors", O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
+        std::cout.setstate(std::ios::failbit);
+        configuration_path = "event.toml";
+        pid_file_path = "pid";
+        during_sleep = [] {
+            now += check_interval_us;
+            raise(sleeps++ == 0 ? SIGHUP : SIGTERM);
+        };
+        instance_lock_fd = open("event.toml", O_RDONLY | O_CLOEXEC); // not of this program
+        std::string words = option;
+        char *arguments[] = {words.data(), words.data()};
+        begin();
+        service_main(words.empty() ? 1 : 2, arguments);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    };
+    return child_process(live).status();
 }
 
 // All files and their metadata are there, whole and once.
@@ -167,18 +166,16 @@ void expect_whole(const scenario &row, bool has_ended, bool was_killed) {
                 has(files[metadata_in_place], recorded));
 }
 
-// Three lives: with the fault, to end the delivery, and with another file. What the first printed.
+// Three lives: one with the fault, one that ends the delivery, one with another file. Returns what
+// the first printed.
 std::string run_one(const scenario &row, const fault &fault) {
     SCOPED_TRACE(fault.call + std::to_string(fault.nth) + " " + std::to_string(fault.what));
     const temporary_tree tree{{"event.toml", event}};
     make_tree(".", row.before);
     calls->came = false;
-    std::optional<child_process> holder([&] { open(row.held.c_str(), O_RDONLY | O_CLOEXEC); });
-    const int status = status_of_life([&] {
-        open(row.held.c_str(), O_RDONLY | O_CLOEXEC);
-        wanted = &fault;
-    });
-    holder.reset();
+    unique_fd held(open(row.held.c_str(), O_RDONLY | O_CLOEXEC)); // the life inherits it
+    const int status = status_of_life([&] { wanted = &fault; });
+    held.reset();
     const bool is_killed = fault.what == killed && calls->came;
     std::string lines = read_file("errors");
     EXPECT_EQ(status, is_killed ? SIGKILL : 0) << lines;
@@ -195,11 +192,11 @@ std::string run_one(const scenario &row, const fault &fault) {
     return lines;
 }
 
-// Of many calls of a name some: those that look at other processes are much alike.
+// Of a name that is called often only some calls fail: most look at other processes, and are alike.
 void run_all(const scenario &row) {
     std::string lines = run_one(row, {"", 0, 0});
-    EXPECT_TRUE(!row.held.empty() || has(calls->names, "fsync renameat fsync"))
-        << "a crash loses it";
+    // Without these a crash of the machine could lose the metadata.
+    EXPECT_TRUE(!row.held.empty() || has(calls->names, "fsync renameat fsync"));
     std::istringstream log(calls->names);
     std::map<std::string, unsigned int> counts;
     for (std::string name; log >> name;)
@@ -273,18 +270,17 @@ TEST(LongLife, FiveHundredPasses) {
     const auto begin = [] {
         step_us = 40000000;
         during_sleep = [] {
-            static int pass = 0;
             static size_t before = 0;
-            EXPECT_EQ(read_file(in_place), pass == 0 ? "" : std::to_string(pass));
+            EXPECT_EQ(read_file(in_place), sleeps == 0 ? "" : std::to_string(sleeps));
             fs::remove_all("Play/ARCHIVE");
-            write_file(arriving, std::to_string(++pass));
-            if (pass % 7 == 0)
+            write_file(arriving, std::to_string(++sleeps));
+            if (sleeps % 7 == 0)
                 raise(SIGHUP);
-            if (pass == 50)
+            if (sleeps == 50)
                 before = mallinfo2().uordblks;
-            if (pass == 500)
+            if (sleeps == 500)
                 raise(SIGTERM);
-            EXPECT_TRUE(pass < 500 || mallinfo2().uordblks <= before + 65536);
+            EXPECT_TRUE(sleeps < 500 || mallinfo2().uordblks <= before + 65536);
         };
     };
     EXPECT_GT(steps_of_life(begin, "-d.").size(), 1500U);

@@ -45,8 +45,8 @@ inline std::string read_file(const fs::path &path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// Makes the folders that lead to it. "-> TEXT" stands for a symbolic link; a path that ends in a
-// slash, for an empty folder.
+// Writes a file, and makes the folders above it. The text "-> PATH" makes a symbolic link to PATH
+// instead; a name that ends in a slash, an empty folder.
 inline void write_file(const fs::path &path, const std::string &text) {
     fs::create_directories(fs::absolute(path).parent_path());
     if (text.compare(0, 3, "-> ") == 0)
@@ -97,16 +97,16 @@ inline auto open_descriptors() {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
 }
 
-// What a function writes to a descriptor. It leaves none open.
+// Returns what a function writes to a descriptor. The function must leave none open.
 template<typename Run> std::string output_of(Run run, int fd = STDERR_FILENO) {
     const unique_fd saved(dup(fd)), memory(memfd_create("output", MFD_CLOEXEC));
     fflush(nullptr);
     dup2(memory.get(), fd);
     const auto before = open_descriptors();
     run();
-    EXPECT_EQ(open_descriptors(), before);
     fflush(nullptr);
     dup2(saved.get(), fd);
+    EXPECT_EQ(open_descriptors(), before);
     return read_file("/proc/self/fd/" + std::to_string(memory.get()));
 }
 
@@ -119,8 +119,8 @@ inline unique_fd bound_socket(const std::string &path, int type) {
     return fd;
 }
 
-// A child that runs a function, or what that executes, and then another one again and again, until
-// it is destroyed.
+// A child that runs `start`, which may execute a program, and then `then` again and again until it
+// is destroyed.
 struct child_process {
     template<typename Start, typename Then = int (*)()>
     explicit child_process(Start start, Then then = pause) {
