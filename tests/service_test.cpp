@@ -119,7 +119,7 @@ const struct scenario {
     const char *name;
     file_tree before;
     const char *line;      // printed in at least one run
-    std::string held = {}; // open in another process, and in the service: so it looks at each
+    std::string held = {}; // open in the test and in the life, which then looks at every process
 } scenarios[] = {
     {"FirstDelivery", first, "Cannot make ARCHIVE directory, Input/output error\n"},
     {"Replacement", replacement, "Cannot move NEW file into directory, Invalid cross-device"},
@@ -141,7 +141,8 @@ int status_of_life(
             now += check_interval_us;
             raise(sleeps++ == 0 ? SIGHUP : SIGTERM);
         };
-        instance_lock_fd = open("event.toml", O_RDONLY | O_CLOEXEC); // not of this program
+        // Other lives of this program may run, so the lock is that of another file.
+        instance_lock_fd = open("event.toml", O_RDONLY | O_CLOEXEC);
         std::string words = option;
         char *arguments[] = {words.data(), words.data()};
         begin();
