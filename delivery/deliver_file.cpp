@@ -11,6 +11,7 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
 
 namespace {
@@ -80,10 +81,12 @@ bool move_metadata(const item_place &from, const item_place &to) {
 
 std::string choose_archive_name(int archive_fd, const ItemContext &target, ItemMetadata &list) {
     const time_t now = time(nullptr);
-    const tm *captured = localtime(&now);
+    std::optional<tm> captured; // a copy: the library's own is overwritten by its next use
+    if (const tm *local = localtime(&now))
+        captured = *local;
     const archive_base base =
         choose_archive_base(archive_fd, target.file_name(), read_original_name(target, list));
-    return base.needs_suffix && captured != nullptr
+    return base.needs_suffix && captured
                ? base.name + archive_suffix(*captured, monotonic_clock_us())
                : base.name;
 }

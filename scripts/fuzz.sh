@@ -11,6 +11,7 @@ seconds=${1:-10}
 shift || true
 [ $# -gt 0 ] || set -- metadata configuration_file command_line
 folder=build-fuzz
+# All else is built with it: for .ci/run this is the build with Clang.
 build_in "$folder" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEL4_FUZZ=ON \
   -DVEL4_BENCHMARKS=ON
 for target in "$@"; do

@@ -48,7 +48,7 @@ inline void pcre_free(pcre *code) {
     pcre2_code_free(code);
 }
 
-// 0 for a match, as with a vector that is too small for the offsets; else a negative number.
+// Not negative for a match. No offsets are given.
 inline int pcre_exec(const pcre *code, const pcre_extra * /*extra*/, const char *subject,
                      int length, int start, int /*options*/, int * /*offsets*/, int /*size*/) {
     const std::unique_ptr<pcre2_match_data, decltype(&pcre2_match_data_free)> match(

@@ -30,11 +30,11 @@ extern "C" {
 
 // One file location. Callers may open dir_fd and metadir_fd themselves; the context closes them.
 typedef struct metadata_v4_context {
-    char *dir_path;     // null while no location is set
-    int32_t dir_fd;     // negative while not open, like the other two
-    char *file_name;    // null while no location is set
+    char *dir_path; // null while no location is set
+    int32_t dir_fd; // negative while not open, like the other two
+    char *file_name;
     int32_t file_fd;    // O_PATH: does not count as an open
-    char *metadir_name; // null also when the file name is too long to have a metadata directory
+    char *metadir_name; // null where the file name is too long to have a metadata directory
     int32_t metadir_fd;
     uint8_t flags;
     // The library's own: the directory that dir_fd was when the file was first opened in it.
@@ -113,7 +113,7 @@ int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_con
                                                         metadata_v4_context *context, int flags,
                                                         void *reserved);
 
-// The entry at an index, or null.
+// The entry at an index, or null. Lack of memory gives null too and unbinds the list.
 metadata_v4_metadata_entry *
 metadata_v4_metadata_context_read_entry(metadata_v4_metadata_context *list, uint64_t index);
 
