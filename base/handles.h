@@ -10,21 +10,17 @@
 #include <dirent.h>
 #include <memory>
 #include <unistd.h>
+#include <utility>
 
 class unique_fd {
 public:
-    unique_fd() = default;
     explicit unique_fd(int fd) : fd_(fd) {}
     unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
     ~unique_fd() { reset(); }
 
     explicit operator bool() const { return fd_ >= 0; }
     int get() const { return fd_; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
+    int release() { return std::exchange(fd_, -1); }
     void reset(int fd = -1) {
         const int saved = errno;
         if (fd_ >= 0)
@@ -34,7 +30,7 @@ public:
     }
 
 private:
-    int fd_ = -1;
+    int fd_;
 };
 
 struct stream_closer {

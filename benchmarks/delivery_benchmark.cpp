@@ -111,7 +111,7 @@ void write_entry_lines(const std::string &metadata) {
 void measure_bare_delivery(benchmark::State &state, bool writes_lines) {
     const replacement files(state.range(0));
     const std::string target_path = files.root / "target";
-    unique_fd watch, target;
+    unique_fd watch(-1), target(-1);
     measure_cpu(
         state,
         [&] {
