@@ -1,7 +1,6 @@
 #include "platform/include/metadata_v4.h"
 
 #include "base/handles.h"
-#include "platform/metadata/file.h"
 
 #include <climits>
 #include <cstdlib>

@@ -16,8 +16,8 @@ struct file_owner {
 };
 
 // Reads the whole file and stores its owner. Fails for anything but a regular file of at most
-// metadata_size_limit bytes. errno is ENOENT only where there is none, and the owner is then that
-// which a new one is to have.
+// metadata_size_limit bytes. errno is ENOENT only where there is none; the owner stored is then the
+// one for a new file.
 [[nodiscard]] bool read_metadata_file(int metadir_fd, std::string &text, file_owner &owner);
 
 // Writes a temporary file, syncs it, renames it over the metadata file and syncs the directory. On

@@ -10,13 +10,14 @@
 #include <string_view>
 #include <vector>
 
-// Each line with its newline and the empty lines behind it: one after another they are the text.
+// Splits a text into its lines, each with its newline and the empty lines behind it. Empty lines at
+// the start are one line of their own. Joined, the lines are the text.
 std::vector<std::string> split_metadata(std::string_view text);
 
-// The entry of a line, any bytes. It points into the buffer.
+// Returns the entry of a line, which may be any bytes. The entry's texts lie in the buffer.
 metadata_v4_metadata_entry decode_line(std::string_view line, std::string &buffer);
 
-// Gives a line another entry, and leaves its newlines.
+// Replaces the entry of a line; its newlines stay.
 void change_line(std::string &line, const char *name, const char *value);
 
 #endif
