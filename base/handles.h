@@ -16,6 +16,10 @@ class unique_fd {
 public:
     explicit unique_fd(int fd) : fd_(fd) {}
     unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
+    unique_fd &operator=(unique_fd &&other) noexcept {
+        reset(other.release());
+        return *this;
+    }
     ~unique_fd() { reset(); }
 
     explicit operator bool() const { return fd_ >= 0; }

@@ -2,12 +2,14 @@
 
 #include "base/diagnostics.h"
 #include "base/handles.h"
+#include "base/open.h"
 #include "delivery/archive_name.h"
 #include "delivery/cppmetadir.h"
 #include "delivery/in_use.h"
 #include "delivery/item_metadata.h"
 #include "delivery/original_name.h"
 #include "platform/include/process_util.h"
+#include "service/main_storage.h"
 
 #include <cstring>
 #include <fcntl.h>
@@ -38,7 +40,13 @@ void print_refusal(refusal reason, const char *name, const WatchEntry &entry) {
 unique_fd open_archive(int target_fd) {
     if (mkdirat(target_fd, archive_directory, 0755) != 0 && errno != EEXIST)
         diag("Cannot make ARCHIVE directory, %s\n", strerror(errno));
-    unique_fd archive(openat(target_fd, archive_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    unique_fd archive =
+        open_without_magic_links(target_fd, archive_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    // It may be a link, made by anybody who can write beside the target.
+    if (archive && !is_directory_under_main_path(archive.get())) {
+        archive.reset();
+        errno = EXDEV;
+    }
     if (!archive)
         diag("Cannot access ARCHIVE directory, %s\n", strerror(errno));
     return archive;
@@ -72,6 +80,16 @@ bool archive_file(const item_place &from, const item_place &to) {
                                                      AT_SYMLINK_NOFOLLOW) == 0;
     errno = error;
     return !is_there;
+}
+
+// The new file never replaces what has appeared at its place since the archiving.
+bool move_new_file(const item_place &from, const item_place &to) {
+    if (renameat2(from.dir_fd, from.file.c_str(), to.dir_fd, to.file.c_str(), RENAME_NOREPLACE) ==
+            0 ||
+        errno == ENOENT)
+        return true;
+    // The file system does not know the flag.
+    return errno == EINVAL && move(from.dir_fd, from.file, to.dir_fd, to.file);
 }
 
 bool move_metadata(const item_place &from, const item_place &to) {
@@ -110,7 +128,7 @@ bool archive_item(const item_place &in_place, unique_fd archive, const ItemConte
 // Moves the new item into place. False when the file could not be moved; metadata that could not be
 // moved stays behind and is reported.
 bool move_new_item(const item_place &arriving, const item_place &in_place) {
-    const bool moved = move(arriving.dir_fd, arriving.file, in_place.dir_fd, in_place.file);
+    const bool moved = move_new_file(arriving, in_place);
     if (!moved)
         diag("Cannot move NEW file into directory, %s\n", strerror(errno));
     if (!move_metadata(arriving, in_place))

@@ -1,5 +1,6 @@
 #include "delivery/in_use.h"
 
+#include "base/open.h"
 #include "platform/include/procfs.h"
 
 #include <fcntl.h>
@@ -12,7 +13,11 @@ constexpr char marker[] = ".media.item.active.socket";
 
 bool is_served_socket(const char *path) {
     struct stat status {};
-    return lstat(path, &status) == 0 && S_ISSOCK(status.st_mode) &&
+    const unique_fd file =
+        open_without_magic_links(AT_FDCWD, path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (!file)
+        return is_shortage(errno);
+    return fstat(file.get(), &status) == 0 && S_ISSOCK(status.st_mode) &&
            get_socket_server_pid(path, SOCKET_SERVER_NO_PID) != -1;
 }
 

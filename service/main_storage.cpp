@@ -1,5 +1,7 @@
 #include "service/main_storage.h"
 
+#include "watch/cpprealpath.h"
+
 #include <cstdlib>
 #include <memory>
 
@@ -21,4 +23,8 @@ bool is_under_main_path(const std::string &path) {
 
 bool is_under_main_path(const char *path) {
     return is_under_main_path(std::string(path));
+}
+
+bool is_directory_under_main_path(int fd) {
+    return is_under_main_path(procfs_fd_realpath(fd));
 }

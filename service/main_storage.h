@@ -19,4 +19,7 @@ void update_main_path();
 bool is_under_main_path(const char *path);
 bool is_under_main_path(const std::string &path);
 
+// The same for an opened directory, wherever it was opened through.
+bool is_directory_under_main_path(int fd);
+
 #endif

@@ -9,8 +9,14 @@
 #include "watch/watch_pass.h"
 
 #include <random>
+#include <sys/syscall.h>
+#include <sys/xattr.h>
 
-void (*meanwhile)() = [] {}; // between the opening of ARCHIVE and the moves
+void (*meanwhile)() = [] {};         // between the opening of ARCHIVE and the moves
+void (*before_new_file)() = [] {};   // between the archiving and the move of the new file
+bool knows_no_flag = false;          // as some file systems
+bool takes_no_list = false;          // of access
+std::optional<child_process> lessee; // of metadata
 
 // The clocks of the archive suffix stand still.
 uint64_t monotonic_clock_us(void) {
@@ -20,6 +26,27 @@ extern "C" time_t time(time_t *) noexcept {
     setenv("TZ", "UTC0", 1);
     std::exchange(meanwhile, [] {})();
     return 1706715902;
+}
+
+extern "C" int renameat2(int from, const char *name, int to, const char *new_name,
+                         unsigned int flags) noexcept {
+    std::exchange(before_new_file, [] {})();
+    errno = EINVAL;
+    return knows_no_flag
+               ? -1
+               : static_cast<int>(syscall(SYS_renameat2, from, name, to, new_name, flags));
+}
+extern "C" int fsetxattr(int fd, const char *name, const void *value, size_t size,
+                         int flags) noexcept {
+    errno = EPERM;
+    return takes_no_list && strncmp(name, "user.", 5) != 0
+               ? -1
+               : static_cast<int>(syscall(SYS_fsetxattr, fd, name, value, size, flags));
+}
+// Between two tries to open metadata.
+extern "C" int nanosleep(const timespec *, timespec *) {
+    lessee.reset();
+    return 0;
 }
 
 const std::string suffix = " [ARCHIVE 20240131154502.183020443512]";
@@ -98,6 +125,42 @@ const struct delivery_case {
     {"MarkerIsAFile", old_and_new({{marker, ""}}), "File 'play/t' is running, not acting\n"},
     {"MarkerLeadsToAServedSocket", old_and_new({{marker, "-> ../served"}}),
      "File 'play/t' is running, not acting\n"},
+    {"MarkerLeadsThroughAMagicLink",
+     old_and_new({{marker, "-> /proc/self/cwd/../served"}}),
+     moved,
+     {{"play/ARCHIVE/t" + suffix, "old"},
+      {"play/ARCHIVE/.t" + suffix + ".metadir/.media.item.active.socket",
+       "-> /proc/self/cwd/../served"},
+      {"play/t", "new"},
+      {meta, named + "n\n"},
+      {"watch/", ""}}},
+    {"ArchiveLeadsOutside", old_and_new({{"play/ARCHIVE", "-> ../../canary"}}),
+     "Cannot access ARCHIVE directory, Invalid cross-device link\n"},
+    {"ArchiveLeadsThroughAMagicLink", old_and_new({{"play/ARCHIVE", "-> /proc/self/cwd/watch"}}),
+     "Cannot access ARCHIVE directory, Too many levels of symbolic links\n"},
+    {"ArchiveIsALinkWithinTheStorage",
+     old_and_new({{"play/ARCHIVE", "-> ../old"}, {"old/x", "x"}, {meta, named + "m\n"}}),
+     moved,
+     {{"play/ARCHIVE", "-> ../old"},
+      {"old/x", "x"},
+      {"old/m", "old"},
+      {"old/.m.metadir/metadata", named + "m\n"},
+      {"play/t", "new"},
+      {meta, named + "n\n"},
+      {"watch/", ""}}},
+    {"SomethingAppearsAtTheTarget",
+     old_and_new({{meta, named + "m\n"}}),
+     "Cannot move NEW file into directory, File exists\n",
+     {{"play/ARCHIVE/m", "old"},
+      {"play/ARCHIVE/.m.metadir/metadata", named + "m\n"},
+      {"play/t", "theirs"},
+      {"watch/n", "new"}},
+     [] { before_new_file = [] { write_file("play/t", "theirs"); }; }},
+    {"FileSystemKnowsNoFlag", old_and_new({{meta, named + "m\n"}}), moved + "already=0\n",
+     archived_as("m", named + "m\n"), [] { knows_no_flag = true; }},
+    {"MetadataUnderALease", old_and_new({{meta, named + "m\n"}}), moved,
+     archived_as("m", named + "m\n"),
+     [] { lessee.emplace([] { fcntl(open(meta.c_str(), O_RDWR), F_SETLEASE, F_WRLCK); }); }},
     {"ArchiveIsNoDirectory", old_and_new({{"play/ARCHIVE", "x"}}),
      "Cannot access ARCHIVE directory, Not a directory\n"},
     {"ArchiveHasGone",
@@ -157,7 +220,7 @@ const struct planted_kind {
     {"FullDirectory", [](auto &at, auto &) { write_file(at / "inside", "planted"); }},
     {"LinkToIdleSocket", [](auto &at, auto &) { fs::create_symlink("../idle", at); }},
     {"LinkToLink", [](auto &at, auto &) { fs::create_symlink("../link", at); }},
-    {"BigFile", [](auto &at, auto &) { std::ofstream(at).seekp(9 << 20) << '='; }},
+    {"BigFile", [](auto &at, auto &) { std::ofstream(at).seekp(2 << 20) << '='; }},
 };
 const std::string places[] = {"play/t",  "play/.t.metadir",        meta,
                               marker,    "play/ARCHIVE",           "play/ARCHIVE/m",
@@ -165,10 +228,10 @@ const std::string places[] = {"play/t",  "play/.t.metadir",        meta,
                               left_over, "play/ARCHIVE/.m.metadir"};
 
 // Puts something planted in the place of what is there, but reaches nothing through what was
-// planted before. A link at ARCHIVE is followed: who can put it there may write beside the target.
+// planted before.
 void plant(const planted_kind &kind, const fs::path &place) {
     const unique_fd parent(open(place.parent_path().c_str(), O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!parent || (place == "play/ARCHIVE" && kind.plant == kinds[0].plant))
+    if (!parent)
         return;
     const fs::path fresh = main_path + "/../fresh", name = place.filename();
     kind.plant(fresh, main_path + "/../canary");
@@ -204,16 +267,39 @@ const bool registered = register_rows("Delivery", delivery_cases, check_delivery
                         register_rows("Scan", scan_cases, check_scan) &&
                         register_rows("Planted", kinds, check_kind);
 
+constexpr char access_list[] = "system.posix_acl_access";
+
+std::string attribute_of(const std::string &path, const char *name) {
+    char value[256];
+    const ssize_t size = getxattr(path.c_str(), name, value, sizeof(value));
+    return {value, static_cast<size_t>(std::max<ssize_t>(size, 0))};
+}
+
+// user::rw-, user:1001:rw-, group::---, mask::rw-, other::r--, as the kernel takes it.
+const std::string list("\2\0\0\0\1\0\6\0\377\377\377\377\2\0\6\0\351\3\0\0"
+                       "\4\0\0\0\377\377\377\377\20\0\6\0\377\377\377\377"
+                       "\40\0\4\0\377\377\377\377",
+                       44);
+
 TEST(Delivery, RightsAreKeptOrTakenFromTheMediaFile) {
     const storage tree(old_and_new({{"watch/.n.metadir/metadata", ""}}));
     const bool is_root = chown("watch/.n.metadir/metadata", 56, 78) == 0;
     chmod("watch/.n.metadir/metadata", 0604);
+    setxattr("watch/.n.metadir/metadata", "user.rating", "18", 2, 0);
+    setxattr("watch/.n.metadir/metadata", access_list, list.data(), list.size(), 0);
     umask(022);
     tree.pass();
     struct stat status {};
     stat(meta.c_str(), &status);
-    EXPECT_EQ(status.st_mode, S_IFREG | 0604U);
+    EXPECT_EQ(status.st_mode, S_IFREG | 0664U);
     EXPECT_TRUE(!is_root || (status.st_uid == 56 && status.st_gid == 78));
+    EXPECT_EQ(attribute_of(meta, "user.rating"), "18");
+    EXPECT_EQ(attribute_of(meta, access_list), list);
+    takes_no_list = true;
+    fs::rename("play/t", "watch/n");
+    fs::rename("play/.t.metadir", "watch/.n.metadir");
+    tree.pass();
+    EXPECT_EQ(fs::status(meta).permissions(), fs::perms{0604}) << "a list that cannot be kept";
     write_file("watch/n", "next");
     chmod("watch/n", 0640);
     tree.pass();

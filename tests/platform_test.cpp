@@ -4,15 +4,54 @@
 #include "platform/processes/proc_tables.h"
 #include "tests/support.h"
 
+#include <linux/netlink.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <thread>
 
 std::optional<child_process> short_holder;
+bool openings_sleep = false;
 
 // Between two tries to take a lease.
 extern "C" int nanosleep(const timespec *, timespec *) {
+    EXPECT_TRUE(openings_sleep) << "waited for nothing";
     short_holder.reset();
     return 0;
+}
+
+extern "C" int getrusage(int, rusage *usage) noexcept {
+    static long calls = 0;
+    usage->ru_nvcsw = openings_sleep ? ++calls : 0;
+    return 0;
+}
+
+int tables_opened = 0; // of the process file system
+bool has_memory = true;
+
+extern "C" FILE *fdopen(int fd, const char *mode) noexcept {
+    ++tables_opened;
+    errno = ENOMEM;
+    if (!has_memory)
+        return nullptr;
+    const unique_fd original(fd);
+    return fopen(("/proc/self/fd/" + std::to_string(fd)).c_str(), mode);
+}
+
+bool dump_misses_all = false;
+
+// The kernel's answer is read to its end. Where it is to miss everything, only the end is told.
+extern "C" ssize_t recv(int fd, void *buffer, size_t size, int flags) {
+    const ssize_t received = recvfrom(fd, buffer, size, flags, nullptr, nullptr);
+    if (!dump_misses_all)
+        return received;
+    nlmsghdr end{NLMSG_LENGTH(sizeof(int)), NLMSG_DONE, 0, 0, 0};
+    char last[NLMSG_SPACE(sizeof(int))] = {};
+    while (recvfrom(fd, last, sizeof(last), MSG_DONTWAIT, nullptr, nullptr) > 0) {
+    }
+    memcpy(last, &end, sizeof(end));
+    dump_misses_all = false;
+    memcpy(buffer, last, sizeof(last));
+    return sizeof(last);
 }
 
 using answer = std::pair<int, pid_t>;
@@ -65,6 +104,7 @@ void expect_answers(const way_to_hold &way) {
     std::optional<child_process> holder([&] { way.hold("hard"); });
     EXPECT_EQ(ask("soft").first, way.is_use);
     EXPECT_EQ(ask("soft", PROCFS_FIND_HOLDER), answer(way.is_use, way.is_use * holder->pid));
+    EXPECT_EQ(ask("/proc/self/cwd/soft").first, 0) << "through a magic link";
     const unique_fd own(open("hard", O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(ask("soft").first, way.is_use) << "where the service has it open too";
     holder.reset();
@@ -87,7 +127,26 @@ TEST(SocketServer, ListensOrHasADatagramSocket) {
             fs::rename("folder", "moved");
         });
         EXPECT_EQ(get_socket_server_pid("moved/renamed", 0), row.second ? server.pid : -1);
+        EXPECT_EQ(get_socket_server_pid("/proc/self/cwd/moved/renamed", 0), -1) << "a magic link";
+        dump_misses_all = true;
+        EXPECT_EQ(get_socket_server_pid("moved/renamed", 0), row.second ? server.pid : -1)
+            << "where a first list misses it";
     }
+}
+
+TEST(Shortage, CountsAsServedAndAsInUse) {
+    const temporary_tree tree;
+    const unique_fd idle = bound_socket("idle", SOCK_STREAM);
+    has_memory = false;
+    EXPECT_EQ(get_socket_server_pid("idle", SOCKET_SERVER_NO_PID), 0);
+    EXPECT_EQ(ask("idle").first, 1);
+}
+
+TEST(InUse, NoMappingsAreReadForWhatCannotBeMapped) {
+    const temporary_tree tree;
+    mkfifo("fifo", 0600);
+    EXPECT_EQ(ask("fifo"), answer(0, 0));
+    EXPECT_EQ(tables_opened, 1) << "the list of mounts";
 }
 
 TEST(InUse, NotWhereAPathLeadsToNoFile) {
@@ -99,6 +158,8 @@ TEST(InUse, NotWhereAPathLeadsToNoFile) {
 TEST(InUse, NotWhenAScannerHasLetGo) {
     const temporary_tree tree{{"file", ""}};
     short_holder.emplace([] { open_it("file"); });
+    EXPECT_EQ(ask("file").first, 1) << "the opening did not wait for a scanner";
+    openings_sleep = true;
     EXPECT_EQ(ask("file").first, 0);
 }
 

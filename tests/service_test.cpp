@@ -65,7 +65,8 @@ int begin_call(const char *name) {
 
 BOOST_PP_SEQ_FOR_EACH(WRAP, 0, (opendir)(readdir)(fopen)(realpath)(calloc))
 BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (close)(fclose)(open)(openat)(stat)(lstat)(fstat)(fstatat)(statx))
-BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (fstatfs)(mkdirat)(renameat)(unlinkat)(unlink)(readlink)(flock))
+BOOST_PP_SEQ_FOR_EACH(WRAP, -1,
+                      (fstatfs)(mkdirat)(renameat)(renameat2)(unlinkat)(unlink)(readlink)(flock))
 BOOST_PP_SEQ_FOR_EACH(WRAP, -1, (readlinkat)(read)(write)(getdents64)(fsync)(fchown)(fchmod)(fcntl))
 
 uint64_t now, step_us = 1000000;

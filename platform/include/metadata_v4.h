@@ -98,7 +98,7 @@ void metadata_v4_metadata_context_destroy(metadata_v4_metadata_context *list);
 // Replaces the entries by those of the item, whose metadata directory must be open in the context.
 // for_writing 0: fails when there is no metadata file. for_writing 1: binds the list to the
 // metadata directory, and a missing file is an empty list. A metadata file that is not a regular
-// file, is larger than 8 MiB or cannot be read is a failure either way. A failure leaves the list
+// file, is larger than 1 MiB or cannot be read is a failure either way. A failure leaves the list
 // empty and unbound, so that nothing is overwritten.
 int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_context *list,
                                                          metadata_v4_context *context,
@@ -106,9 +106,10 @@ int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_co
 
 // Replaces the metadata file of the context to which the list is bound: at every instant, a crash
 // included, the old or the new one is there, whole. Entries that were not changed are written as
-// they were read. The mode of an existing file is kept, and owner and group where they may be set;
-// a new file takes them from the directory. On failure the old file stands and no temporary file is
-// left.
+// they were read. An existing file's mode, access list and user attributes are kept, and its owner
+// and group where they may be set; where the list may not, the group loses its rights. A new file
+// takes mode, owner and group from the directory. On failure the old file stands and no temporary
+// file is left.
 int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_context *list,
                                                         metadata_v4_context *context, int flags,
                                                         void *reserved);

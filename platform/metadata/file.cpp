@@ -1,14 +1,17 @@
 #include "platform/metadata/file.h"
 
-#include "base/handles.h"
-
+#include <cstring>
+#include <ctime>
 #include <fcntl.h>
+#include <linux/limits.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 namespace {
 
 constexpr char metadata_name[] = "metadata";
 constexpr char temporary_name[] = ".metadata.new";
+constexpr char access_list[] = "system.posix_acl_access";
 constexpr size_t piece_size = size_t{16} << 10;
 
 bool fail(int error) {
@@ -44,39 +47,83 @@ unique_fd create_temporary(int metadir_fd) {
                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
-// What may not be changed stays as it is.
-bool set_owner(int fd, const file_owner &owner) {
+// An opening is refused while somebody else, a file server say, has a lease on the file, and makes
+// the kernel ask for it back.
+unique_fd open_metadata(int metadir_fd) {
+    const auto open_once = [metadir_fd] {
+        return unique_fd(openat(metadir_fd, metadata_name,
+                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    };
+    unique_fd file = open_once();
+    for (int tries = 0; !file && errno == EWOULDBLOCK && tries < 3; ++tries) {
+        const timespec wait{0, 10000000};
+        nanosleep(&wait, nullptr);
+        file = open_once();
+    }
+    return file;
+}
+
+bool copy_attribute(int from, int to, const char *name) {
+    std::string value(XATTR_SIZE_MAX, '\0');
+    const ssize_t size = fgetxattr(from, name, value.data(), value.size());
+    return size >= 0 && fsetxattr(to, name, value.data(), static_cast<size_t>(size), 0) == 0;
+}
+
+bool has_no_attribute() {
+    return errno == ENODATA || errno == ENOTSUP;
+}
+
+// Copies the access list and the attributes of users. A new file may have a list from its
+// directory. Without the right list the mode gives nothing to the group, nor to anybody on a list.
+bool copy_attributes(int from, int to, mode_t &mode) {
+    std::string names(XATTR_LIST_MAX, '\0');
+    const ssize_t size = flistxattr(from, names.data(), names.size());
+    bool has_list = size < 0 && !has_no_attribute(); // cannot be told
+    for (const char *name = names.data(); *name != '\0'; name += strlen(name) + 1) {
+        has_list = has_list || strcmp(name, access_list) == 0;
+        if (strncmp(name, "user.", 5) == 0 && !copy_attribute(from, to, name))
+            return false;
+    }
+    if (has_list ? !copy_attribute(from, to, access_list)
+                 : fremovexattr(to, access_list) != 0 && !has_no_attribute())
+        mode &= ~static_cast<mode_t>(S_IRWXG);
+    return true;
+}
+
+// Gives the new file the rights of the old one. Where there is none, it is readable to whom the
+// directory is. What may not be changed stays as it is.
+bool set_access(int fd, int metadir_fd, const unique_fd &old_file) {
+    struct stat model {};
     struct stat status {};
-    // The mode first: it belongs to the owner to change.
-    if (fstat(fd, &status) != 0 || (fchmod(fd, owner.mode) != 0 && errno != EPERM))
+    if (fstat(old_file ? old_file.get() : metadir_fd, &model) != 0 || fstat(fd, &status) != 0)
         return false;
-    const bool differs = status.st_uid != owner.uid || status.st_gid != owner.gid;
-    return !differs || fchown(fd, owner.uid, owner.gid) == 0 || errno == EPERM;
+    mode_t mode = model.st_mode & (old_file ? 0777 : 0644);
+    if (old_file && !copy_attributes(old_file.get(), fd, mode))
+        return false;
+    // The mode first: it belongs to the owner to change.
+    if (fchmod(fd, mode) != 0 && errno != EPERM)
+        return false;
+    const bool differs = status.st_uid != model.st_uid || status.st_gid != model.st_gid;
+    return !differs || fchown(fd, model.st_uid, model.st_gid) == 0 || errno == EPERM;
 }
 
 } // namespace
 
-bool read_metadata_file(int metadir_fd, std::string &text, file_owner &owner) {
-    const unique_fd fd(openat(metadir_fd, metadata_name,
-                              O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    const bool is_absent = !fd && errno == ENOENT;
+bool read_metadata_file(int metadir_fd, unique_fd &file, std::string &text) {
+    file = open_metadata(metadir_fd);
     struct stat status {};
-    if ((!fd && !is_absent) || fstat(is_absent ? metadir_fd : fd.get(), &status) != 0)
+    if (!file || fstat(file.get(), &status) != 0)
         return false;
-    // A new file is readable to whom its directory is.
-    owner = {status.st_mode & (is_absent ? 0644 : 0777), status.st_uid, status.st_gid};
-    if (is_absent)
-        return fail(ENOENT);
-    return S_ISREG(status.st_mode) ? read_all(fd.get(), text) : fail(EINVAL);
+    return S_ISREG(status.st_mode) ? read_all(file.get(), text) : fail(EINVAL);
 }
 
-bool replace_metadata_file(int metadir_fd, const std::string &text, const file_owner &owner) {
+bool replace_metadata_file(int metadir_fd, const unique_fd &old_file, const std::string &text) {
     if (text.size() > metadata_size_limit)
         return false; // it could never be read again
     const unique_fd fd = create_temporary(metadir_fd);
     if (!fd)
         return false;
-    if (!set_owner(fd.get(), owner) || !write_all(fd.get(), text) ||
+    if (!set_access(fd.get(), metadir_fd, old_file) || !write_all(fd.get(), text) ||
         TEMP_FAILURE_RETRY(fsync(fd.get())) != 0 ||
         renameat(metadir_fd, temporary_name, metadir_fd, metadata_name) != 0) {
         unlinkat(metadir_fd, temporary_name, 0);

@@ -14,7 +14,7 @@ struct stored_list : metadata_v4_metadata_context {
     uint64_t index = 0; // of the entry that was read last
     metadata_v4_metadata_entry entry{};
     std::string entry_texts;
-    file_owner owner{};
+    unique_fd file{-1}; // which the entries were read from
 };
 
 stored_list &stored(metadata_v4_metadata_context *list) {
@@ -48,7 +48,7 @@ int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_co
     stored(list) = stored_list();
     return guarded(list, [&] {
         std::string raw;
-        if (!read_metadata_file(context->metadir_fd, raw, stored(list).owner) &&
+        if (!read_metadata_file(context->metadir_fd, stored(list).file, raw) &&
             (for_writing == 0 || errno != ENOENT))
             return -1;
         stored(list).lines = split_metadata(raw);
@@ -66,7 +66,7 @@ int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_con
         std::string text;
         for (const std::string &line : stored(list).lines)
             text += line;
-        return replace_metadata_file(list->descriptor, text, stored(list).owner) ? 0 : -1;
+        return replace_metadata_file(list->descriptor, stored(list).file, text) ? 0 : -1;
     });
 }
 

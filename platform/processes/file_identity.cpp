@@ -21,7 +21,7 @@ bool identify_for_kernel(int fd, file_identity &identity) {
         return false;
     identity = {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
     // A mount that cannot be reached from the root of a chroot is not listed.
-    if (const unique_file mounts = open_table(AT_FDCWD, "/proc/self/mountinfo"))
-        find_device_of_mount(mounts.get(), status.stx_mnt_id, identity.device);
-    return true;
+    const unique_file mounts = open_table(AT_FDCWD, "/proc/self/mountinfo");
+    return mounts != nullptr &&
+           find_device_of_mount(mounts.get(), status.stx_mnt_id, identity.device);
 }

@@ -1,6 +1,6 @@
 #include "platform/include/procfs.h"
 
-#include "base/handles.h"
+#include "base/open.h"
 #include "platform/processes/file_identity.h"
 #include "platform/processes/process_walk.h"
 
@@ -14,6 +14,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <linux/magic.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 
@@ -40,13 +41,20 @@ unique_fd open_for_reading(int path_fd) {
     return unique_fd(open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
+long times_slept() {
+    rusage usage{};
+    getrusage(RUSAGE_THREAD, &usage);
+    return usage.ru_nvcsw;
+}
+
 // A scanner that is asked before each opening (fanotify) still holds the descriptor that it was
-// given for ours, so a refusal is asked for again, on the same descriptor.
-bool take_lease(int fd) {
+// given for ours, so a refusal is asked for again, on the same descriptor. The scanner makes the
+// opener sleep; nothing else does with a local file that is cached.
+bool take_lease(int fd, long slept_before_opening) {
     for (const long wait_ms : {1, 5}) {
         if (fcntl(fd, F_SETLEASE, F_WRLCK) == 0)
             return true;
-        if (errno != EAGAIN)
+        if (errno != EAGAIN || times_slept() == slept_before_opening)
             return false;
         const timespec wait{0, wait_ms * 1000000};
         nanosleep(&wait, nullptr);
@@ -70,6 +78,7 @@ lease_answer ask_for_write_lease(int path_fd) {
     if (std::find(std::begin(remote_file_systems), std::end(remote_file_systems), type) !=
         std::end(remote_file_systems))
         return lease_answer::no_answer;
+    const long slept = times_slept();
     const unique_fd fd = open_for_reading(path_fd);
     if (!fd) // EWOULDBLOCK: somebody holds a lease of their own and has to give it up first
         return errno == EWOULDBLOCK ? lease_answer::used : lease_answer::no_answer;
@@ -77,7 +86,7 @@ lease_answer ask_for_write_lease(int path_fd) {
     // ends the process. SIGURG is ignored by default.
     if (fcntl(fd.get(), F_SETSIG, SIGURG) != 0)
         return lease_answer::no_answer;
-    if (!take_lease(fd.get()))
+    if (!take_lease(fd.get(), slept))
         return errno == EAGAIN ? lease_answer::used : lease_answer::no_answer;
     fcntl(fd.get(), F_SETLEASE, F_UNLCK); // at once: an opener may be waiting
     // On these a grant does not exclude a use: not every mapping is seen, nor an opening below.
@@ -93,7 +102,7 @@ int procfs_path_in_use(const char *path, procfs_path_in_use_info *info, unsigned
         info[0].pid = 0;
     // O_PATH: no device is opened, no FIFO waited for, and the descriptor does not count as an
     // open.
-    const unique_fd file(open(path, O_PATH | O_CLOEXEC));
+    const unique_fd file = open_without_magic_links(AT_FDCWD, path, O_PATH | O_CLOEXEC);
     if (!file) // a path too long as a whole may name a file that is there
         return means_absent(errno) && strlen(path) < PATH_MAX ? 0 : 1;
     const lease_answer answer = ask_for_write_lease(file.get());

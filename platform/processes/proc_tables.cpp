@@ -43,7 +43,7 @@ bool maps_file(FILE *table, const file_identity &file, const std::string &overla
 }
 
 // "ID PARENT MAJOR:MINOR ...", all in decimal digits.
-void find_device_of_mount(FILE *table, uint64_t mount_id, dev_t &device) {
+bool find_device_of_mount(FILE *table, uint64_t mount_id, dev_t &device) {
     char line[line_size];
     while (fgets(line, sizeof(line), table) != nullptr) {
         unsigned int major_number = 0;
@@ -53,4 +53,5 @@ void find_device_of_mount(FILE *table, uint64_t mount_id, dev_t &device) {
             id == mount_id)
             device = makedev(major_number, minor_number);
     }
+    return ferror(table) == 0;
 }

@@ -17,7 +17,8 @@ unique_file open_table(int at, const std::string &name);
 // component of the path.
 bool maps_file(FILE *table, const file_identity &file, const std::string &overlay_name);
 
-// Stores the device of a mounted file system (/proc/PID/mountinfo), if it is listed.
-void find_device_of_mount(FILE *table, uint64_t mount_id, dev_t &device);
+// Stores the device of a mounted file system (/proc/PID/mountinfo), if it is listed. False with
+// errno when the table cannot be read.
+[[nodiscard]] bool find_device_of_mount(FILE *table, uint64_t mount_id, dev_t &device);
 
 #endif

@@ -1,7 +1,7 @@
 #include "platform/processes/process_walk.h"
 
 #include "base/diagnostics.h"
-#include "base/handles.h"
+#include "base/open.h"
 #include "platform/processes/proc_tables.h"
 
 #include <cctype>
@@ -25,6 +25,7 @@ struct search {
     file_identity file;
     file_identity identity_in_maps;
     std::string overlay_name;      // empty unless the file is on an overlay
+    bool can_be_mapped = false;    // only a regular file can
     int proc = AT_FDCWD;           // the opened process file system
     bool numbers_are_pids = false; // it may show the process ids of another namespace
 };
@@ -45,10 +46,6 @@ bool has_ended(int error) {
 // could not be looked at counts as held.
 bool is_unknown(int error) {
     return !has_ended(error) && !is_refusal(error);
-}
-
-bool is_shortage(int error) {
-    return error == ENOMEM || error == EMFILE || error == ENFILE;
 }
 
 // Calls visit(name) for each entry whose name is a number until it returns true, and returns
@@ -118,6 +115,9 @@ memory look_at_memory(const search &wanted, const std::string &task) {
     } else if (has_ended(errno)) {
         return memory::none;
     }
+    // The table waits while its process maps a file, as long as the file system of that one likes.
+    if (!wanted.can_be_mapped)
+        return memory::without_file;
     // Anybody may open this table of a task without memory, so a refusal means memory that may not
     // be looked at. A refusal of exe does not say that.
     const unique_file mappings = open_table(wanted.proc, task + "/maps");
@@ -204,15 +204,19 @@ std::string name_on_overlay(int fd) {
 
 pid_t find_process_using_file(int path_fd) {
     search wanted{};
+    struct stat status {};
     if (!identify(path_fd, "", wanted.file) ||
-        !identify_for_kernel(path_fd, wanted.identity_in_maps))
+        !identify_for_kernel(path_fd, wanted.identity_in_maps) || fstat(path_fd, &status) != 0)
         return -1;
+    wanted.can_be_mapped = S_ISREG(status.st_mode);
     wanted.overlay_name = name_on_overlay(path_fd);
     return find_process(wanted);
 }
 
 pid_t find_process_with_open_file(const file_identity &file) {
-    return find_process({file, file, {}});
+    search wanted{};
+    wanted.file = file;
+    return find_process(wanted);
 }
 
 bool service_has_open(int path_fd) {

@@ -1,7 +1,7 @@
 #include "platform/include/procfs.h"
 
 #include "base/diagnostics.h"
-#include "base/handles.h"
+#include "base/open.h"
 #include "platform/processes/file_identity.h"
 #include "platform/processes/process_walk.h"
 
@@ -60,9 +60,11 @@ bool is_bound_to(const nlmsghdr *message, const file_identity &file) {
     return false;
 }
 
-// The inode number of a socket that serves the file; 0 when none does, -1 with errno when the
-// kernel does not say.
+// The inode number of a socket that serves the file; 0 when the kernel lists none, -1 with errno
+// when it does not say.
 int64_t find_server_socket(int netlink, const file_identity &file) {
+    if (!request_sockets(netlink))
+        return -1;
     alignas(nlmsghdr) char answer[answer_size];
     for (;;) {
         const ssize_t size = TEMP_FAILURE_RETRY(recv(netlink, answer, sizeof(answer), 0));
@@ -97,7 +99,7 @@ void report_no_answer(int error) {
 } // namespace
 
 int32_t get_socket_server_pid(const char *path, int flags) {
-    const unique_fd file(open(path, O_PATH | O_CLOEXEC));
+    const unique_fd file = open_without_magic_links(AT_FDCWD, path, O_PATH | O_CLOEXEC);
     file_identity bound{};
     file_identity server{};
     if (!file)
@@ -105,8 +107,9 @@ int32_t get_socket_server_pid(const char *path, int flags) {
     if (!identify_for_kernel(file.get(), bound))
         return 0;
     const unique_fd netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
-    const bool is_asked = netlink && request_sockets(netlink.get());
-    const int64_t inode = is_asked ? find_server_socket(netlink.get(), bound) : -1;
+    int64_t inode = netlink ? find_server_socket(netlink.get(), bound) : -1;
+    if (inode == 0) // a list can miss a socket when another one closes meanwhile
+        inode = find_server_socket(netlink.get(), bound);
     if (inode < 0)
         report_no_answer(errno);
     if (inode == 0)
