@@ -34,7 +34,7 @@ void load_file() {
     // The service starts with a regular file only, and reloads from whatever leads to one.
     if (lstat(path, &status) == 0 && !S_ISREG(status.st_mode))
         report(error, nullptr, "File '%s' is no regular file, the service does not start", path);
-    const bool is_loaded = try_load_configuration();
+    (void)try_load_configuration();
     if (stat(path, &status) == 0 && !S_ISREG(status.st_mode))
         return;
     std::ifstream file(path, std::ios::binary);
@@ -44,10 +44,8 @@ void load_file() {
     }
     const std::string text(std::istreambuf_iterator<char>(file), {});
     try {
-        if (!is_loaded && nests_too_deep(text))
-            throw cpptoml::parse_exception("nested too deep");
         std::istringstream stream(text);
-        judge_file(path, *cpptoml::parser(stream).parse());
+        judge_file(path, *parse_toml(stream));
     } catch (const std::exception &failure) {
         explain_syntax(path, text, failure.what());
     }

@@ -6,8 +6,11 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <streambuf>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <utility>
 
@@ -18,25 +21,69 @@ std::string configuration_path = "/etc/vel4_watch_folder.toml";
 namespace {
 
 constexpr char event_prefix[] = "event";
-constexpr size_t nesting_limit = 5000;
+// Bytes. The parser and the matcher of patterns recurse.
+constexpr size_t wanted_stack = size_t{64} << 20;
 
-// The parser opens whatever the path leads to, waits for a FIFO, and recurses without a bound.
-void refuse_unfit_file(const string &path) {
+// What a level of recursion in the parser takes at most, bytes; that is with AddressSanitizer.
+constexpr size_t level_size = 1200;
+
+// Raises the soft limit of the stack, which the kernel reads as the stack grows, as far as the hard
+// limit allows. Returns it.
+size_t raise_stack_limit() {
+    rlimit limit{};
+    getrlimit(RLIMIT_STACK, &limit);
+    const rlimit raised{std::min<rlim_t>(wanted_stack, limit.rlim_max), limit.rlim_max};
+    if (limit.rlim_cur < raised.rlim_cur && setrlimit(RLIMIT_STACK, &raised) == 0)
+        limit = raised;
+    return std::min<rlim_t>(limit.rlim_cur, wanted_stack);
+}
+
+// The stack that is in use grows to lower addresses.
+uintptr_t stack_position() {
+    return reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+}
+
+// Hands a text to the parser line by line. The parser recurses without a bound, a level at most for
+// each "[", "{" or "." that it consumes, and as deep again when it releases the tables. When it
+// asks for a line, the stack tells how deep it stands; the bytes of the line tell how much deeper
+// it may go before it asks for the next one.
+class LineByLine : public std::streambuf {
+public:
+    explicit LineByLine(std::istream &file) : file_(file) {}
+
+private:
+    int_type underflow() override {
+        if (!std::getline(file_, line_))
+            return traits_type::eof();
+        const auto levels = static_cast<size_t>(std::count_if(
+            line_.begin(), line_.end(), [](char c) { return c == '[' || c == '{' || c == '.'; }));
+        if (start_ - stack_position() > limit_ / 8 || levels * level_size > limit_ / 4 * 3)
+            throw cpptoml::parse_exception("nested too deep");
+        if (!file_.eof())
+            line_ += '\n';
+        setg(line_.data(), line_.data(), line_.data() + line_.size());
+        return traits_type::to_int_type(line_[0]);
+    }
+
+    std::istream &file_;
+    std::string line_;
+    const size_t limit_ = raise_stack_limit();
+    const uintptr_t start_ = stack_position();
+};
+
+std::shared_ptr<cpptoml::table> parse_file(const string &path) {
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0)
-        return; // the parser reports it
-    if (!S_ISREG(status.st_mode))
+    // To open a FIFO would be to wait.
+    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
         throw cpptoml::parse_exception("not a regular file");
-    string text(static_cast<size_t>(status.st_size), '\0');
-    std::ifstream(path, std::ios::binary).read(text.data(), status.st_size);
-    if (nests_too_deep(text))
-        throw cpptoml::parse_exception("nested too deep");
+    std::ifstream file(path, std::ios::binary);
+    return file ? parse_toml(file) : cpptoml::parse_file(path); // which says that it cannot
 }
 
 void read_text(const cpptoml::table &table, const char *key, string &text) {
     const auto element = find_element(table, key);
     if (const string *found = string_text(element))
-        text = *found;
+        text = found->c_str(); // as every system call takes it, up to its first NUL
 }
 
 void read_patterns(const cpptoml::table &table, std::vector<RegexState> &patterns) {
@@ -70,38 +117,10 @@ const string *string_text(const std::shared_ptr<cpptoml::base> &element) {
     return value == nullptr ? nullptr : &value->get();
 }
 
-// Never counts too little. In cpptoml, parse_array consumes a "[" and parse_inline_table a "{" for
-// each call of itself, and each further table that a key or a section's name makes or enters
-// consumes a ".". All of these bytes are counted, within strings and comments too, and none is
-// taken off again. Only the release of what was made can go deeper, twice as deep at most: a
-// section may enter arrays of tables, two levels for a ".", that another one made.
-//
-// To start again at a line "[event" or "[[event", also after blanks, is safe. Outside of a value
-// the line is the name of a section, which parse() looks up from the root, with no call open.
-// Within an array, the one value that goes on over lines besides a string, the parser throws at
-// this line: no value begins with "e" (determine_value_type), and an array of scalars that lacks
-// its "]" takes the first "[" for it, which its caller then finds followed by "e" or "["
-// (eol_or_comment, parse_object_array, parse_inline_table). Only within a multi-line string is the
-// line mere text, and parse_string begins one at three equal quotation marks only.
-bool nests_too_deep(std::string_view text) {
-    constexpr auto none = std::string_view::npos;
-    size_t count = 0;
-    bool may_be_in_string = false;
-    for (size_t begin = 0, end = 0; begin < text.size(); begin = end + 1) {
-        end = std::min(text.find('\n', begin), text.size());
-        const std::string_view line = text.substr(begin, end - begin);
-        const std::string_view word =
-            line.substr(std::min(line.find_first_not_of(" \t"), line.size()));
-        if (!may_be_in_string && (word.substr(0, 6) == "[event" || word.substr(0, 7) == "[[event"))
-            count = 0;
-        for (const char c : line)
-            count += c == '[' || c == '{' || c == '.' ? 1 : 0;
-        if (count > nesting_limit)
-            return true;
-        if (line.find("\"\"\"") != none || line.find("'''") != none)
-            may_be_in_string = true;
-    }
-    return false;
+std::shared_ptr<cpptoml::table> parse_toml(std::istream &file) {
+    LineByLine lines(file);
+    std::istream stream(&lines);
+    return cpptoml::parser(stream).parse();
 }
 
 void add_event_table(const string &name, const std::shared_ptr<cpptoml::table> &table) {
@@ -134,8 +153,7 @@ bool load_configuration() {
     }
     std::shared_ptr<cpptoml::table> root;
     try {
-        refuse_unfit_file(configuration_path);
-        root = cpptoml::parse_file(configuration_path);
+        root = parse_file(configuration_path);
     } catch (const cpptoml::parse_exception &error) {
         diag("%s: TOML parse error: %s\n", configuration_path.c_str(), error.what());
         return false;

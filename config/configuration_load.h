@@ -7,9 +7,9 @@
 #define CONFIG_CONFIGURATION_LOAD_H
 
 #include <cpptoml.h>
+#include <istream>
 #include <memory>
 #include <string>
-#include <string_view>
 
 extern std::string configuration_path;
 
@@ -31,8 +31,9 @@ std::shared_ptr<cpptoml::base> find_element(const cpptoml::table &table, const c
 // The text of a string element; null for any other kind and for null.
 const std::string *string_text(const std::shared_ptr<cpptoml::base> &element);
 
-// May the values, keys and section names of the text nest deeper than the parser's stack carries?
-// True when one section has more than 5,000 of the bytes "[", "{" and ".", wherever they stand.
-bool nests_too_deep(std::string_view text);
+// Parses a file. Throws cpptoml::parse_exception, also when it nests deeper than the stack carries,
+// whose soft limit is raised to 64 MiB. A line may then have some 40,000 of the bytes "[", "{" and
+// ".", wherever they stand, and begin within some 10,000 arrays or more.
+std::shared_ptr<cpptoml::table> parse_toml(std::istream &file);
 
 #endif

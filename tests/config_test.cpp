@@ -17,8 +17,15 @@ std::string entry(const std::string &name) {
     return "Entry '" + name + "'\n  Watch:      'w'\n  Target:     't'\n";
 }
 
+std::string repeat(const char *text, size_t times) {
+    std::string repeated;
+    while (times-- > 0)
+        repeated += text;
+    return repeated;
+}
+
 const std::string numbered = entry("eventarrayitem1"), too_deep = "nested too deep\n";
-const std::string deep(100000, '.'), half(3000, '['); // twice the half is too deep
+constexpr size_t fits = 41900, is_too_deep = 100000; // levels
 
 // In a file '@' stands for the lines of both paths. The line is part of what the loader prints, the
 // entries are those of the registry afterwards.
@@ -38,11 +45,20 @@ const struct load_case {
     {"NumberForPath", "[event]\n'target file' = 't'\n'watch path' = 5", "Entry 'event'\n  Watch:"},
     {"BadPattern", "[event]\n'match pattern' = '('\n@", "Unable to compile regex. Error="},
     {"TakenName", "[[event]]\n[[event]]\n@[eventarrayitem1]\n@", "Warning: Duplicate", numbered},
-    {"DeepArray", "[event]\n@x=" + half + std::string(3000, ']'), "section", entry("event")},
-    {"ManySections", "  [[event]]\nx='" + half + "'\n[[event]]\nx='" + half + "'", "Invalid"},
-    {"SectionTooDeep", "[event" + deep + "]", too_deep},
-    {"DeepBehindString", "x = ''' '''\n" + half + "\n[event]\n" + half, too_deep},
-    {"SectionWithinArray", "x = " + half + "\n[event]\nx = " + half, "parse value type"},
+    {"NulInAPath", "[event]\n'watch path' = \"\\u0000x\"\n'target file' = 't'", "Invalid section"},
+    {"BadEscape", "[event]\n'match pattern' = 'C:\\media\\upload'\n@", "regex. Error="},
+    {"DeepArrays", "[event]\n@x=" + repeat("[", fits) + repeat("]", fits), "section",
+     entry("event")},
+    {"DeepTables", "[event]\n@x=" + repeat("{a=", fits) + "1" + repeat("}", fits), "section",
+     entry("event")},
+    {"DeepSection", "[event" + repeat(".a", fits) + "]", "Invalid"},
+    {"DeepKey", "[event]\na" + repeat(".a", fits) + "=1\n", "Invalid"},
+    {"DeepEachOther", "x=" + repeat("[{a=", fits / 2) + "1" + repeat("}]", fits / 2), "||"},
+    {"ArraysTooDeep", "x=" + repeat("[", is_too_deep) + repeat("]", is_too_deep), too_deep},
+    {"LinesTooDeep", "x=" + repeat("[\n", is_too_deep) + repeat("]", is_too_deep), too_deep},
+    {"TablesTooDeep", "x=" + repeat("{a=", is_too_deep), too_deep},
+    {"SectionTooDeep", "[event" + repeat(".a", is_too_deep) + "]", too_deep},
+    {"KeyTooDeep", "a" + repeat(".a", is_too_deep) + "=1", too_deep},
 };
 
 void check_load(const load_case &row) {
@@ -58,6 +74,34 @@ void check_load(const load_case &row) {
 }
 
 const bool registered = register_rows("Load", load_cases, check_load);
+
+TEST(Load, TakesTwentyThousandPatternsAndSections) {
+    const std::string paths = "'watch path' = 'w'\n'target file' = 't.mxf'\n";
+    std::string file = "x = ''' '''\n[event]\n'match pattern' = [" +
+                       repeat("'^news[0-9]_12\\.mxf$', ", 20000) + "]\n" + paths;
+    for (int i = 0; i < 20000; ++i)
+        file += "['event" + std::to_string(i) + "']\n'match pattern' = '[.]mxf$'\n" + paths;
+    const temporary_tree tree{{"c.toml", file}};
+    configuration_path = "c.toml";
+    configuration.clear();
+    output_of([] { (void)try_load_configuration(); });
+    EXPECT_EQ(configuration.size(), 20001U);
+    EXPECT_EQ(configuration["event"].patterns.size(), 20000U);
+}
+
+TEST(Regex, ALetterThatIsNoEscapeStandsForItself) {
+    EXPECT_TRUE(RegexState("^\\m\\F[\\y]$").matches("MFY"));
+}
+
+// The matcher recurses. The loader has seen to its stack.
+TEST(Regex, APatternThatRecursesDeepEndsNothing) {
+    const temporary_tree tree{{"c.toml", "[event]\n'watch path' = 'w'\n'target file' = 't'\n"
+                                         "'match pattern' = '^(.(?:x?\?){500}(?1)?)!$'"}};
+    configuration_path = "c.toml";
+    configuration.clear();
+    output_of([] { (void)try_load_configuration(); });
+    EXPECT_FALSE(configuration["event"].matches("!" + std::string(253, 'a')));
+}
 
 TEST(Discovery, EveryItemIsAnEntry) {
     const temporary_tree tree{

@@ -6,8 +6,10 @@
 #define PCRE_H
 
 #define PCRE2_CODE_UNIT_WIDTH 8
+#include <cstring>
 #include <memory>
 #include <pcre2.h>
+#include <string>
 
 using pcre = pcre2_code;
 struct pcre_extra;
@@ -21,25 +23,26 @@ inline pcre *pcre_compile(const char *pattern, int options, const char **message
     static char text[256];
     int error = 0;
     PCRE2_SIZE position = 0;
-    const auto compile = [&](pcre2_compile_context *context) {
-        return pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern), PCRE2_ZERO_TERMINATED,
+    std::string accepted = pattern;
+    const auto compile = [&] {
+        return pcre2_compile(reinterpret_cast<PCRE2_SPTR>(accepted.c_str()), accepted.size(),
                              (options & PCRE_CASELESS) != 0 ? PCRE2_CASELESS : 0, &error, &position,
-                             context);
+                             nullptr);
     };
-    pcre *code = compile(nullptr);
-    // PCRE 1 takes an unknown escape for the letter itself; other faults of an escape it refuses.
-    if (code == nullptr && error == PCRE2_ERROR_UNKNOWN_ESCAPE) {
-        const std::unique_ptr<pcre2_compile_context, decltype(&pcre2_compile_context_free)> context(
-            pcre2_compile_context_create(nullptr), &pcre2_compile_context_free);
-        if (context != nullptr) {
-            pcre2_set_compile_extra_options(context.get(), PCRE2_EXTRA_BAD_ESCAPE_IS_LITERAL);
-            code = compile(context.get());
-        }
+    pcre *code = compile();
+    // PCRE 1 takes a letter that means nothing after a backslash for itself. So is "F" there.
+    while (code == nullptr && (error == PCRE2_ERROR_UNKNOWN_ESCAPE ||
+                               error == PCRE2_ERROR_UNSUPPORTED_ESCAPE_SEQUENCE)) {
+        const size_t backslash = accepted.rfind('\\', position - 1);
+        if (error == PCRE2_ERROR_UNSUPPORTED_ESCAPE_SEQUENCE && accepted[backslash + 1] != 'F')
+            break;
+        accepted.erase(backslash, 1);
+        code = compile();
     }
     if (code == nullptr) {
         pcre2_get_error_message(error, reinterpret_cast<PCRE2_UCHAR *>(text), sizeof(text));
         *message = text;
-        *offset = static_cast<int>(position);
+        *offset = static_cast<int>(position + strlen(pattern) - accepted.size());
     }
     return code;
 }
