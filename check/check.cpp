@@ -83,6 +83,13 @@ void judge_entries(const std::vector<known_entry> &entries) {
     }
 }
 
+// The real path of the play folder where the service will make it; empty where it need not.
+std::string missing_play(const std::string &dir) {
+    struct stat status {};
+    const bool is_missing = !dir.empty() && lstat((dir + "/Play").c_str(), &status) != 0;
+    return is_missing ? realpath_string(dir) + "/Play" : "";
+}
+
 } // namespace
 
 bool check(const check_options &options) {
@@ -104,6 +111,6 @@ bool check(const check_options &options) {
     diag("Entries: %zu, errors: %zu, warnings: %zu\n", entries.size(), finding_count[error],
          finding_count[warning]);
     if (options.dry_run && !main_path.empty())
-        announce_pass(entries);
+        announce_pass(missing_play(options.dir));
     return finding_count[error] == 0;
 }

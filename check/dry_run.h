@@ -4,12 +4,11 @@
 #ifndef CHECK_DRY_RUN_H
 #define CHECK_DRY_RUN_H
 
-#include "check/entry_rules.h"
+#include <string>
 
-#include <vector>
-
-// Needs main_path and the entries in the order of a pass. An entry is judged as it will be when
-// those before it have done what was announced. Changes nothing on disk.
-void announce_pass(const std::vector<known_entry> &entries);
+// Announces a pass over the registry; needs main_path. An entry whose folders another one before it
+// may change is not judged. missing_play is the real path of a play folder that the service will
+// make, or empty. Changes nothing on disk.
+void announce_pass(const std::string &missing_play);
 
 #endif

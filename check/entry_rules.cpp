@@ -25,15 +25,6 @@ constexpr char main_storage[] = "/mnt/main/";
 // The monotonic clock of a machine that has been up for thirty years.
 constexpr uint64_t long_uptime_us = 999999999999999;
 
-// Asks with the effective user and its capabilities; a read-only file system is an answer too.
-int rename_error_of(int fd) {
-    // A hard link to a directory is always refused. An id-mapped mount that does not map the user
-    // gives EOVERFLOW before that.
-    if (linkat(fd, ".", fd, ".no second name", 0) != 0 && errno == EOVERFLOW)
-        return EOVERFLOW;
-    return faccessat(fd, ".", W_OK | X_OK, AT_EACCESS) == 0 ? 0 : errno;
-}
-
 constexpr struct {
     unsigned long type;
     const char *effect;
@@ -128,6 +119,15 @@ void find_chain(const known_entry &taker, const known_entry &giver) {
 }
 
 } // namespace
+
+// Asks with the effective user and its capabilities; a read-only file system is an answer too.
+int rename_error_of(int fd) {
+    // A hard link to a directory is always refused. An id-mapped mount that does not map the user
+    // gives EOVERFLOW before that.
+    if (linkat(fd, ".", fd, ".no second name", 0) != 0 && errno == EOVERFLOW)
+        return EOVERFLOW;
+    return faccessat(fd, ".", W_OK | X_OK, AT_EACCESS) == 0 ? 0 : errno;
+}
 
 directory_facts collect_directory_facts(const char *what, const std::string &path) {
     directory_facts facts;

@@ -37,6 +37,9 @@ inline bool is_same_directory(const directory_facts &a, const directory_facts &b
     return a.open_error == 0 && b.open_error == 0 && a.device == b.device && a.inode == b.inode;
 }
 
+// The errno with which the user may not rename in an opened directory; 0 when it may.
+int rename_error_of(int fd);
+
 // A directory by its path, which is followed through symbolic links.
 directory_facts collect_directory_facts(const char *what, const std::string &path);
 

@@ -10,8 +10,8 @@ std::string archive_suffix(const tm &local_time, uint64_t clock_us) {
     return text + std::to_string(clock_us) + "]";
 }
 
-archive_base choose_archive_base(int archive_fd, const std::string &target_name,
-                                 const std::string &original_name) {
+ArchiveBase choose_archive_base(int archive_fd, const std::string &target_name,
+                                const std::string &original_name) {
     if (original_name.empty())
         return {target_name, true};
     struct stat status {};

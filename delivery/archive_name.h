@@ -10,7 +10,7 @@
 // " [ARCHIVE 20240131154502.183020443512]".
 std::string archive_suffix(const tm &local_time, uint64_t clock_us);
 
-struct archive_base {
+struct ArchiveBase {
     std::string name;
     bool needs_suffix;
 };
@@ -18,7 +18,7 @@ struct archive_base {
 // The recorded original name, with a suffix when something of that name stands in the archive
 // directory, or that cannot be told; the target's own name with a suffix when none is recorded. A
 // negative descriptor is a directory that is not there yet.
-archive_base choose_archive_base(int archive_fd, const std::string &target_name,
-                                 const std::string &original_name);
+ArchiveBase choose_archive_base(int archive_fd, const std::string &target_name,
+                                const std::string &original_name);
 
 #endif

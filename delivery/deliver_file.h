@@ -2,17 +2,24 @@
 #ifndef DELIVERY_DELIVER_FILE_H
 #define DELIVERY_DELIVER_FILE_H
 
+#include "base/handles.h"
 #include "config/watch_entry.h"
 #include "delivery/item_context.h"
 
 #include <dirent.h>
 
+constexpr char archive_directory[] = "ARCHIVE";
+
+// Opens the archive directory beside the target. One that a link leads out of the main storage is
+// not used: EXDEV. A failure leaves errno.
+unique_fd open_archive(int target_fd);
+
 // Why a file waits.
-enum class refusal { none, running, target_in_use, source_in_use };
+enum class Refusal { none, running, target_in_use, source_in_use };
 
 // Is the item in place running, or it or the file `name` of the watch folder in use? Needs the
 // target's metadata directory, opened where there is one. Changes nothing.
-refusal why_refused(const char *name, const ItemContext &target, const WatchEntry &entry);
+Refusal why_refused(const char *name, const ItemContext &target, const WatchEntry &entry);
 
 // Delivers the file `name` of the opened watch folder to the target, whose location is set and
 // whose directory is open. Borrows all four; the target's handles may be closed afterwards. Every

@@ -17,9 +17,8 @@ void encode(std::string &out, const char *text, bool is_name) {
 std::vector<std::string> split_metadata(std::string_view text) {
     std::vector<std::string> lines;
     while (!text.empty()) {
-        const size_t size = std::min(text.find_first_not_of('\n', text.find('\n')), text.size());
-        lines.emplace_back(text.substr(0, size));
-        text.remove_prefix(size);
+        lines.emplace_back(text.substr(0, std::min(text.find('\n'), text.size() - 1) + 1));
+        text.remove_prefix(lines.back().size());
     }
     return lines;
 }

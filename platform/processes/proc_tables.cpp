@@ -1,18 +1,12 @@
 #include "platform/processes/proc_tables.h"
 
 #include <cinttypes>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/sysmacros.h>
 
 namespace {
 
 constexpr int line_size = 32 << 10; // longer than the longest, that of a path full of escapes
-
-bool is_last_component(const char *path, const std::string &name) {
-    const char *slash = strrchr(path, '/');
-    return slash != nullptr && slash + 1 == name + "\n";
-}
 
 } // namespace
 
@@ -25,7 +19,7 @@ unique_file open_table(int at, const std::string &name) {
 }
 
 // "ADDRESSES PERMISSIONS OFFSET MAJOR:MINOR INODE PATH", the device in hexadecimal digits.
-bool maps_file(FILE *table, const file_identity &file, const std::string &overlay_name) {
+bool maps_file(FILE *table, const file_identity &file, bool is_on_overlay) {
     char line[line_size];
     while (fgets(line, sizeof(line), table) != nullptr) {
         unsigned int major_number = 0;
@@ -33,10 +27,8 @@ bool maps_file(FILE *table, const file_identity &file, const std::string &overla
         uint64_t inode = 0;
         if (sscanf(line, "%*s %*s %*s %x:%x %" SCNu64, &major_number, &minor_number, &inode) != 3)
             continue;
-        const bool is_same_inode = inode == file.inode;
-        if (overlay_name.empty()
-                ? is_same_inode && makedev(major_number, minor_number) == file.device
-                : is_same_inode || is_last_component(line, overlay_name))
+        if (inode == file.inode &&
+            (is_on_overlay || makedev(major_number, minor_number) == file.device))
             return true;
     }
     return ferror(table) != 0 && errno != ESRCH;

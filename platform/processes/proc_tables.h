@@ -12,10 +12,9 @@
 unique_file open_table(int at, const std::string &name);
 
 // Does a table of memory mappings (/proc/PID/maps) name the file? True also when it cannot be read,
-// unless the process has ended. With a name, the file's on an overlay, whose mappings name the file
-// below on kernels before 6.6, the same inode number on any device counts, and the name as the last
-// component of the path.
-bool maps_file(FILE *table, const file_identity &file, const std::string &overlay_name);
+// unless the process has ended. For a file on an overlay the same inode number on any device
+// counts: before Linux 6.6 the kernel lists the file below.
+bool maps_file(FILE *table, const file_identity &file, bool is_on_overlay);
 
 // Stores the device of a mounted file system (/proc/PID/mountinfo), if it is listed. False with
 // errno when the table cannot be read.

@@ -5,7 +5,6 @@
 #include "platform/processes/proc_tables.h"
 
 #include <cctype>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -24,7 +23,7 @@ constexpr size_t buffer_size = size_t{32} << 10;
 struct search {
     file_identity file;
     file_identity identity_in_maps;
-    std::string overlay_name;      // empty unless the file is on an overlay
+    bool is_on_overlay = false;
     bool can_be_mapped = false;    // only a regular file can
     int proc = AT_FDCWD;           // the opened process file system
     bool numbers_are_pids = false; // it may show the process ids of another namespace
@@ -127,7 +126,7 @@ memory look_at_memory(const search &wanted, const std::string &task) {
         report_blindness(task.c_str(), errno);
         return memory::refused;
     }
-    return maps_file(mappings.get(), wanted.identity_in_maps, wanted.overlay_name)
+    return maps_file(mappings.get(), wanted.identity_in_maps, wanted.is_on_overlay)
                ? memory::with_file
                : memory::without_file;
 }
@@ -188,28 +187,18 @@ pid_t find_process(search wanted) {
     return may_be_used ? found : 0;
 }
 
-// The name of a descriptor's file when that is on an overlay, else an empty text.
-std::string name_on_overlay(int fd) {
-    struct statfs file_system {};
-    if (fstatfs(fd, &file_system) != 0 || file_system.f_type != OVERLAYFS_SUPER_MAGIC)
-        return {};
-    char path[PATH_MAX];
-    const std::string link = "/proc/self/fd/" + std::to_string(fd);
-    const ssize_t length = readlink(link.c_str(), path, sizeof(path));
-    const std::string text(path, length > 0 ? static_cast<size_t>(length) : 0);
-    return text.substr(text.rfind('/') + 1);
-}
-
 } // namespace
 
 pid_t find_process_using_file(int path_fd) {
     search wanted{};
     struct stat status {};
+    struct statfs file_system {};
     if (!identify(path_fd, "", wanted.file) ||
-        !identify_for_kernel(path_fd, wanted.identity_in_maps) || fstat(path_fd, &status) != 0)
+        !identify_for_kernel(path_fd, wanted.identity_in_maps) || fstat(path_fd, &status) != 0 ||
+        fstatfs(path_fd, &file_system) != 0)
         return -1;
     wanted.can_be_mapped = S_ISREG(status.st_mode);
-    wanted.overlay_name = name_on_overlay(path_fd);
+    wanted.is_on_overlay = file_system.f_type == OVERLAYFS_SUPER_MAGIC;
     return find_process(wanted);
 }
 
