@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <streambuf>
@@ -38,11 +37,6 @@ size_t raise_stack_limit() {
     return std::min<rlim_t>(limit.rlim_cur, wanted_stack);
 }
 
-// The stack that is in use grows to lower addresses.
-uintptr_t stack_position() {
-    return reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
-}
-
 // Hands a text to the parser line by line. The parser recurses without a bound, a level at most for
 // each "[", "{" or "." that it consumes, and as deep again when it releases the tables. When it
 // asks for a line, the stack tells how deep it stands; the bytes of the line tell how much deeper
@@ -52,12 +46,17 @@ public:
     explicit LineByLine(std::istream &file) : file_(file) {}
 
 private:
+    static const char *stack_position() {
+        return static_cast<const char *>(__builtin_frame_address(0));
+    }
     int_type underflow() override {
         if (!std::getline(file_, line_))
             return traits_type::eof();
         const auto levels = static_cast<size_t>(std::count_if(
             line_.begin(), line_.end(), [](char c) { return c == '[' || c == '{' || c == '.'; }));
-        if (start_ - stack_position() > limit_ / 8 || levels * level_size > limit_ / 4 * 3)
+        // The stack grows to lower addresses.
+        const auto used = static_cast<size_t>(start_ - stack_position());
+        if (used > limit_ / 8 || levels * level_size > limit_ / 4 * 3)
             throw cpptoml::parse_exception("nested too deep");
         if (!file_.eof())
             line_ += '\n';
@@ -68,7 +67,7 @@ private:
     std::istream &file_;
     std::string line_;
     const size_t limit_ = raise_stack_limit();
-    const uintptr_t start_ = stack_position();
+    const char *const start_ = stack_position();
 };
 
 std::shared_ptr<cpptoml::table> parse_file(const string &path) {

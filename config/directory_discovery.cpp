@@ -27,12 +27,7 @@ void make_play_folder(const std::string &play_root, bool &failed) {
 } // namespace
 
 watch_registry build_directory_configuration(const std::string &dir) {
-    try {
-        return discover_watch_folders(dir + "/Upload/", dir + "/Play/");
-    } catch (const std::exception &error) { // no memory for the two texts
-        diag("Warning: cannot list '%s', %s\n", dir.c_str(), reason(error));
-        return {};
-    }
+    return discover_watch_folders(dir + "/Upload/", dir + "/Play/");
 }
 
 watch_registry discover_watch_folders(const std::string &upload_root,

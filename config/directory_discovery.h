@@ -1,6 +1,6 @@
 // Directory mode: every item of DIR/Upload/ is a watch folder whose files go to DIR/Play/.
 //
-// Errors: none leave; what could be listed is returned.
+// Errors: none leave but std::bad_alloc; what could be listed is returned.
 // Prints: "Warning: cannot list '%s', %s", and "Warning: cannot create '%s', %s" once a build.
 #ifndef CONFIG_DIRECTORY_DISCOVERY_H
 #define CONFIG_DIRECTORY_DISCOVERY_H

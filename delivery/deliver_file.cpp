@@ -13,7 +13,6 @@
 
 #include <cstring>
 #include <fcntl.h>
-#include <optional>
 #include <sys/stat.h>
 
 namespace {
@@ -49,14 +48,13 @@ unique_fd make_archive(int target_fd) {
 
 std::string choose_archive_name(int archive_fd, const ItemContext &target) {
     const time_t now = time(nullptr);
-    std::optional<tm> captured; // a copy: the library's own is overwritten by its next use
-    if (const tm *local = localtime(&now))
-        captured = *local;
+    const tm *local = localtime(&now);
+    const tm captured = local == nullptr ? tm{} : *local; // its next use overwrites the library's
     ItemMetadata list;
     const ArchiveBase base =
         choose_archive_base(archive_fd, target.file_name(), read_original_name(target, list));
-    return base.needs_suffix && captured
-               ? base.name + archive_suffix(*captured, monotonic_clock_us())
+    return base.needs_suffix && local != nullptr
+               ? base.name + archive_suffix(captured, monotonic_clock_us())
                : base.name;
 }
 

@@ -84,13 +84,9 @@ void install_signal_handlers() {
 }
 
 void run_check() {
-    try {
-        update_main_path();
-        if (!main_path.empty())
-            check_watch_entries();
-    } catch (const std::exception &error) {
-        diag("Check not completed, %s\n", error.what());
-    }
+    update_main_path();
+    if (!main_path.empty())
+        check_watch_entries();
 }
 
 void run_main_loop(const std::string &watch_folder_dir) {
@@ -99,8 +95,12 @@ void run_main_loop(const std::string &watch_folder_dir) {
     uint64_t rescan_at_us = start + rescan_interval_us;
     while (stop_count == 0) {
         const uint64_t now = monotonic_clock_us();
-        rescan_if_due(now, rescan_at_us, watch_folder_dir);
-        check_or_sleep(now);
+        try {
+            rescan_if_due(now, rescan_at_us, watch_folder_dir);
+            check_or_sleep(now);
+        } catch (const std::exception &error) { // no memory; what was held is released
+            diag("Check not completed, %s\n", error.what());
+        }
         if (hup_count > 0)
             reload();
     }

@@ -25,11 +25,11 @@ void on_stop_signal(int signal_number);
 // Unblocks SIGHUP and installs the handlers.
 void install_signal_handlers();
 
-// One due check: a watch pass when the main storage resolves. Throws nothing: without memory for
-// the path of the main storage it prints "Check not completed, %s".
+// One due check: a watch pass when the main storage resolves. Throws std::bad_alloc.
 void run_check();
 
-// Runs until a stop signal was counted. A directory selects directory mode, an empty text
+// Runs until a stop signal was counted. A check that runs out of memory ends with "Check not
+// completed, %s"; the next one begins anew. A directory selects directory mode, an empty text
 // configuration-file mode.
 void run_main_loop(const std::string &watch_folder_dir);
 

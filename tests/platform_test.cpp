@@ -140,11 +140,13 @@ TEST(Shortage, CountsAsServedAndAsInUse) {
     has_memory = false;
     EXPECT_EQ(get_socket_server_pid("idle", SOCKET_SERVER_NO_PID), 0);
     EXPECT_EQ(ask("idle").first, 1);
+    has_memory = true;
 }
 
 TEST(InUse, NoMappingsAreReadForWhatCannotBeMapped) {
     const temporary_tree tree;
     mkfifo("fifo", 0600);
+    tables_opened = 0;
     EXPECT_EQ(ask("fifo"), answer(0, 0));
     EXPECT_EQ(tables_opened, 1) << "the list of mounts";
 }

@@ -3,8 +3,8 @@
 #define WATCH_WATCH_PASS_H
 
 // Needs main_path. Nothing that happens in one entry keeps the next from being visited.
-// Prints "Checking... (main='%s')", "BUG: %s forgot it's entry name" with the entry, what the scans
-// print, and "* scan not completed, %s" for one that ran out of memory.
+// Prints "Checking... (main='%s')", "BUG: %s forgot it's entry name" with the entry, and what the
+// scans print.
 void check_watch_entries();
 
 #endif

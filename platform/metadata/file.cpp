@@ -47,47 +47,33 @@ unique_fd create_temporary(int metadir_fd) {
                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
-// An opening is refused while somebody else, a file server say, has a lease on the file, and makes
-// the kernel ask for it back.
+// An opening is refused while somebody else, a file server say, has a lease on the file. The kernel
+// then asks for it back.
 unique_fd open_metadata(int metadir_fd) {
-    const auto open_once = [metadir_fd] {
-        return unique_fd(openat(metadir_fd, metadata_name,
-                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    };
-    unique_fd file = open_once();
-    for (int tries = 0; !file && errno == EWOULDBLOCK && tries < 3; ++tries) {
+    for (int refusals = 0;; ++refusals) {
+        unique_fd file(openat(metadir_fd, metadata_name,
+                              O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        if (file || errno != EWOULDBLOCK || refusals == 3)
+            return file;
         const timespec wait{0, 10000000};
         nanosleep(&wait, nullptr);
-        file = open_once();
     }
-    return file;
 }
 
-bool copy_attribute(int from, int to, const char *name) {
-    std::string value(XATTR_SIZE_MAX, '\0');
-    const ssize_t size = fgetxattr(from, name, value.data(), value.size());
-    return size >= 0 && fsetxattr(to, name, value.data(), static_cast<size_t>(size), 0) == 0;
-}
-
-bool has_no_attribute() {
-    return errno == ENODATA || errno == ENOTSUP;
-}
-
-// Copies the access list and the attributes of users. A new file may have a list from its
-// directory. Without the right list the mode gives nothing to the group, nor to anybody on a list.
-bool copy_attributes(int from, int to, mode_t &mode) {
+// Copies the access list and the attributes of users. True when the new file has all of them.
+bool copy_attributes(int from, int to) {
     std::string names(XATTR_LIST_MAX, '\0');
-    const ssize_t size = flistxattr(from, names.data(), names.size());
-    bool has_list = size < 0 && !has_no_attribute(); // cannot be told
+    std::string value(XATTR_SIZE_MAX, '\0');
+    bool has_all = flistxattr(from, names.data(), names.size()) >= 0 || errno == ENOTSUP;
+    fremovexattr(to, access_list); // one that it got from its directory
     for (const char *name = names.data(); *name != '\0'; name += strlen(name) + 1) {
-        has_list = has_list || strcmp(name, access_list) == 0;
-        if (strncmp(name, "user.", 5) == 0 && !copy_attribute(from, to, name))
-            return false;
+        if (strcmp(name, access_list) != 0 && strncmp(name, "user.", 5) != 0)
+            continue;
+        const ssize_t size = fgetxattr(from, name, value.data(), value.size());
+        has_all = size >= 0 &&
+                  fsetxattr(to, name, value.data(), static_cast<size_t>(size), 0) == 0 && has_all;
     }
-    if (has_list ? !copy_attribute(from, to, access_list)
-                 : fremovexattr(to, access_list) != 0 && !has_no_attribute())
-        mode &= ~static_cast<mode_t>(S_IRWXG);
-    return true;
+    return has_all;
 }
 
 // Gives the new file the rights of the old one. Where there is none, it is readable to whom the
@@ -98,8 +84,9 @@ bool set_access(int fd, int metadir_fd, const unique_fd &old_file) {
     if (fstat(old_file ? old_file.get() : metadir_fd, &model) != 0 || fstat(fd, &status) != 0)
         return false;
     mode_t mode = model.st_mode & (old_file ? 0777 : 0644);
-    if (old_file && !copy_attributes(old_file.get(), fd, mode))
-        return false;
+    // Without the access list, the rights of the group would be those of all who are on it.
+    if (old_file && !copy_attributes(old_file.get(), fd))
+        mode &= ~static_cast<mode_t>(S_IRWXG);
     // The mode first: it belongs to the owner to change.
     if (fchmod(fd, mode) != 0 && errno != EPERM)
         return false;
