@@ -12,8 +12,10 @@ install(FILES man/vel4_watch_folder_service.8 man/vel4_watch_folder_check.8
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES man/vel4_watch_folder.toml.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
 install(FILES docs/operating.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(FILES examples/vel4_watch_folder.toml examples/log-filter.awk examples/thin-archive
-        examples/thin-archive.service examples/thin-archive.timer
+install(FILES examples/vel4_watch_folder.toml examples/cluster.sh examples/log-filter.awk
+        examples/thin-archive examples/thin-archive.service examples/thin-archive.timer
+        examples/watch-folder-status examples/watch-folder-status.service
+        examples/watch-folder-status.timer
         ${PROJECT_BINARY_DIR}/directory-mode.conf
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
