@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Shows the service at work, on real files, without touching the machine: it installs what it needs,
-# builds, and delivers in a private mount namespace. With arguments it runs the service itself with them.
+# Shows the service at work, on real files: it installs the packages that it needs, builds, and delivers
+# in a private mount namespace. With arguments it runs the service itself with them.
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")/.."
 . scripts/lib.sh
@@ -101,12 +101,14 @@ if [ "${1:-}" = --in-private-namespace ]; then
   demonstrate
   exit
 fi
-[ $# -gt 0 ] || require_root "a mount namespace of its own"
+if [ $# -eq 0 ]; then
+  require_root "a mount namespace of its own"
+  as_root unshare --mount true || {
+    echo "No mount namespace can be had here; the demonstration needs one."
+    exit 1
+  }
+fi
 install_packages "${build_packages[@]}"
-[ $# -gt 0 ] || as_root unshare --mount true || {
-  echo "No mount namespace can be had here; the demonstration needs one."
-  exit 1
-}
 targets=(vel4_watch_folder_service)
 build_in "$folder" -DBUILD_TESTING=OFF
 [ $# -eq 0 ] || exec "$service" "$@"
