@@ -27,7 +27,7 @@ function report(place, count_from) {
 /^Checking\.\.\. / { ++check; entry = "" }
 /^Checking '/ { entry = substr($0, 10) ": " }
 
-/^(Cannot |Path\(s\) |Not possible |Check not |BUG: |\* (cannot|scan not) |Metadir fail|Target meta (save|load) fail$)/ {
+/^(Cannot |Path\(s\) |Not possible |Check not |BUG: |\* cannot |Metadir fail|Target meta (save|load) fail$)/ {
     report(entry, 1)
 }
 / not acting$/ && waiting > 0 { report(entry, waiting) }
