@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-struct check_options {
+struct CheckOptions {
     std::string dir;  // of directory mode; empty when it was not given
     std::string file; // the configuration file; empty for the service's own
     bool load_only = false;
@@ -19,10 +19,10 @@ struct check_options {
 // Returns the exit status when the process is to end here: 0 after the usage text, 1 after an
 // error.
 std::optional<int> parse_check_command_line(int argc, const char *const *argv,
-                                            check_options &options);
+                                            CheckOptions &options);
 
 // Needs main_path, empty where the main storage does not resolve, and an empty registry, which it
 // fills. Returns whether no error was found, and leaves the disk as it was.
-[[nodiscard]] bool check(const check_options &options);
+[[nodiscard]] bool check(const CheckOptions &options);
 
 #endif

@@ -4,7 +4,7 @@
 #include <lyra/lyra.hpp>
 
 std::optional<int> parse_check_command_line(int argc, const char *const *argv,
-                                            check_options &options) {
+                                            CheckOptions &options) {
     bool show_help = false;
     auto parser = lyra::cli() | lyra::help(show_help) |
                   lyra::opt(options.dir, "watch_folder_dir")["-d"]["--directory"](
@@ -15,15 +15,19 @@ std::optional<int> parse_check_command_line(int argc, const char *const *argv,
                       "Say what the next check of the service would do.") |
                   lyra::arg(options.file, "file")("The configuration file to check.");
     const auto result = parser.parse(lyra::args(argc, argv));
-    const bool has_both = !options.dir.empty() && !options.file.empty();
-    if (!result || (has_both && !show_help)) {
-        std::cerr << "Error in command line: "
-                  << (result ? "Either a directory or a file" : result.message()) << std::endl;
-        return 1;
-    }
-    if (show_help) {
+    if (result && show_help) {
         std::cout << parser << "\n";
         return 0;
     }
-    return std::nullopt;
+    std::string wrong = result.message();
+    if (options.dir == "ry-run") // of -d, from -dry-run
+        wrong = "there is no folder 'ry-run'; is --dry-run meant?";
+    else if (!options.dir.empty() && !options.file.empty())
+        wrong = "Either a directory or a file";
+    else if (options.load_only && options.dry_run)
+        wrong = "Either --load or --dry-run";
+    if (wrong.empty())
+        return std::nullopt;
+    std::cerr << "Error in command line: " << wrong << std::endl;
+    return 1;
 }

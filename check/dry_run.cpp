@@ -2,7 +2,8 @@
 
 #include "base/diagnostics.h"
 #include "base/handles.h"
-#include "check/entry_rules.h"
+#include "check/finding.h"
+#include "config/watch_entry.h"
 #include "delivery/archive_name.h"
 #include "delivery/cppmetadir.h"
 #include "delivery/deliver_file.h"
@@ -14,7 +15,6 @@
 #include "watch/cpprealpath.h"
 #include "watch/folder_scan.h"
 
-#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -26,17 +26,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using std::string;
-
-// Control bytes as in C, so that a name makes no second line.
-string printable(const string &text) {
-    string shown;
-    for (const unsigned char c : text) {
-        char code[8];
-        snprintf(code, sizeof(code), iscntrl(c) != 0 ? "\\%03o" : "%c", c);
-        shown += c == '\n' ? "\\n" : code;
-    }
-    return shown;
-}
 
 string process_text(int pid) {
     const string number = std::to_string(pid);
@@ -64,48 +53,6 @@ string refusal_text(Refusal reason, const WatchEntry &entry, const ItemContext &
                                 process_text(get_socket_server_pid(socket.c_str(), 0));
 }
 
-// The errno with which the kernel would refuse the move, asked for in the kernel's order: 0 when it
-// would not, ENOENT when there is nothing to move. A directory that is yet to be made has no
-// descriptor. With is_free, what has the new name now has moved away by then.
-int why_not_moved(const Move &move, bool is_free) {
-    const char *name = move.name.c_str();
-    const char *new_name = move.new_name.c_str();
-    if (move.name.empty() || move.new_name.empty() || move.from_fd < 0)
-        return ENOENT;
-    // Nothing is ever renamed to ".", but the mounts are compared before that is refused.
-    if (renameat(move.from_fd, name, move.to_fd, ".") != 0 && errno == EXDEV)
-        return EXDEV;
-    const int from_error = rename_error_of(move.from_fd);
-    if (from_error == EROFS)
-        return EROFS;
-    struct stat item {};
-    struct stat other {};
-    if (fstatat(move.from_fd, name, &item, AT_SYMLINK_NOFOLLOW) != 0)
-        return errno;
-    const bool is_directory = S_ISDIR(item.st_mode);
-    if (is_directory && fstat(move.to_fd, &other) == 0 && other.st_ino == item.st_ino)
-        return EINVAL; // into itself
-    const bool is_taken = fstatat(move.to_fd, new_name, &other, AT_SYMLINK_NOFOLLOW) == 0;
-    if (move.new_name.size() > NAME_MAX || (!is_taken && errno == ENAMETOOLONG))
-        return ENAMETOOLONG;
-    if (is_taken && is_free && other.st_ino == item.st_ino && move.name == move.new_name)
-        return ENOENT; // it is the item that has moved away
-    const int to_error = move.to_fd < 0 ? 0 : rename_error_of(move.to_fd);
-    if (from_error != 0 || to_error != 0)
-        return from_error != 0 ? from_error : to_error;
-    const bool is_replaced = is_taken && !is_free;
-    if (is_replaced && is_directory != S_ISDIR(other.st_mode))
-        return is_directory ? ENOTDIR : EISDIR;
-    // The entry ".." of a directory changes.
-    if (is_directory && faccessat(move.from_fd, name, W_OK, AT_EACCESS) != 0)
-        return errno;
-    std::error_code failure;
-    return is_replaced && is_directory &&
-                   !fs::is_empty(procfs_fd_realpath(move.to_fd) + "/" + move.new_name, failure)
-               ? ENOTEMPTY
-               : 0;
-}
-
 bool is_failure(int code) {
     return code != 0 && code != ENOENT;
 }
@@ -119,8 +66,9 @@ string plan_text(const DeliveryPlan &plan, const string &archive_name) {
     const string &own = plan.old_file.name;
     const string &file = plan.new_file.name;
     const string names = " '" + own + "' as '" + archive_name + "'";
-    const bool finds_itself = own == archive_directory && plan.old_file.to_fd < 0;
-    int code = finds_itself ? EINVAL : why_not_moved(plan.old_file, false);
+    int code = why_not_moved(plan.old_file, false);
+    if (!is_failure(code) && own == archive_directory)
+        code = EINVAL; // into itself
     if (is_failure(code))
         return failure_text("cannot archive" + names, code);
     const bool has_item = code == 0;
@@ -154,9 +102,8 @@ string delivery_text(int watch_fd, const string &file, const ItemContext &target
     ItemMetadata list;
     list.load_from_file(target, false);
     bool has_slash = false;
-    ArchiveBase base = choose_archive_base(archive.get(), own, original_name_in(list, has_slash));
-    // These are taken in an empty directory too.
-    base.needs_suffix |= base.name == "." || base.name == ".." || base.name.size() > NAME_MAX;
+    const ArchiveBase base =
+        choose_archive_base(archive.get(), own, original_name_in(list, has_slash));
     const string suffix = base.needs_suffix ? archive_suffix({}, monotonic_clock_us()) : "";
     const string text = plan_text(
         plan_delivery(watch_fd, file, target.dir_fd(), own, archive.get(), base.name + suffix),
@@ -167,17 +114,17 @@ string delivery_text(int watch_fd, const string &file, const ItemContext &target
 }
 
 // Sets acts when the entry would change something.
-string outcome(const WatchEntry &entry, const string &missing_play, bool &acts) {
+string outcome(const WatchEntry &entry, bool makes_play, bool &acts) {
     const unique_dir watch_dir(opendir(entry.watch_path.c_str()));
     if (watch_dir == nullptr)
         return failure_text("cannot open watch path '" + entry.watch_path + "'", errno);
     ItemContext target;
-    target.set_file_location(entry.target_file);
-    const bool is_open = target.open_directory();
-    const string target_path = is_open ? procfs_fd_realpath(target.dir_fd()) : missing_play;
-    if (const char *reason =
-            why_not_scanned(procfs_fd_realpath(dirfd(watch_dir.get())), target_path))
+    locate_target(target, entry);
+    if (const char *reason = why_not_scanned(procfs_fd_realpath(dirfd(watch_dir.get())),
+                                             procfs_fd_realpath(target.dir_fd())))
         return string("stuck: watch path or target directory, ") + reason;
+    if (makes_play)
+        target.close_file_handles();
     WatchEntry any_name;
     any_name.patterns.emplace_back("");
     std::vector<string> files;
@@ -212,7 +159,7 @@ string find_earlier(const std::vector<fs::path> &folders, const std::map<string,
 
 } // namespace
 
-void announce_pass(const string &missing_play) {
+void announce_pass(bool makes_play) {
     std::map<string, string>
         changed; // by the real path of a folder, the last entry that acts there
     for (const auto &[name, entry] : configuration) {
@@ -224,8 +171,8 @@ void announce_pass(const string &missing_play) {
         const string earlier = find_earlier(folders, changed);
         bool acts = !earlier.empty();
         const string text =
-            acts ? "depends on entry '" + earlier + "'" : outcome(entry, missing_play, acts);
-        diag("Entry '%s': %s\n", printable(name).c_str(), printable(text).c_str());
+            acts ? "depends on entry '" + earlier + "'" : outcome(entry, makes_play, acts);
+        diag("Entry '%s': %s\n", visible(name).c_str(), visible(text).c_str());
         for (const fs::path &folder : folders)
             if (acts)
                 changed[folder] = name;

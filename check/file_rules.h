@@ -8,10 +8,10 @@
 #include <cpptoml.h>
 #include <string>
 
-// Why the parser refuses the text: prints the source line that its message names, and reports that
-// the file cannot be loaded, with what to do where the mistake is a common one.
-void explain_syntax(const std::string &path, const std::string &text, const std::string &message);
+// Reports why the parser refuses a file: the source line that its message names, and what to do
+// where the mistake is a common one.
+void explain_syntax(const std::string &path, const std::string &message);
 
-void judge_file(const char *path, const cpptoml::table &root);
+void judge_file(const cpptoml::table &root);
 
 #endif

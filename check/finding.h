@@ -1,19 +1,36 @@
-// The one way to report what the check found.
+// The one way to report what the check found, and what rules about text are made of.
 //
 // Prints: "Error: " or "Warning: ", "Entry '%s': " where it concerns one entry, and the text.
 #ifndef CHECK_FINDING_H
 #define CHECK_FINDING_H
 
-#include <cstddef>
+#include <string>
 
 // An error keeps the entry from working. A warning is something that its owner may not expect.
-enum severity { error, warning };
+enum Severity { error, warning };
 
 // How many of each were reported. The start of a check sets them to 0.
 extern size_t finding_count[2];
 
-// The entry is a name or null. The text is one line; its format has no newline.
-void report(severity level, const char *entry, const char *format, ...)
-    __attribute__((format(printf, 3, 4)));
+// The entry is a name, or empty. Name and text are printed as visible() gives them.
+void report(Severity level, const std::string &entry, const std::string &text);
+
+// The text in one line: a control byte as in C, "\012", and "<non-breaking space>" for one.
+std::string visible(const std::string &text);
+
+void replace_all(std::string &text, const std::string &old_part, const std::string &new_part);
+
+// Does the regular expression match anywhere in the text, regardless of case? Both end at a NUL.
+bool looks_like(const std::string &text, const char *expression);
+
+// A table of mistakes: what the text looks like in which one is made, and what to say of it.
+// Returns that of the first that the text looks like, "" when there is none.
+template<size_t n>
+std::string advice_for(const std::string &text, const char *const (&mistakes)[n][2]) {
+    for (const auto &[looks, advice] : mistakes)
+        if (looks_like(text, looks))
+            return advice;
+    return "";
+}
 
 #endif

@@ -3,7 +3,7 @@
 #include "service/main_storage.h"
 
 int main(int argc, char **argv) {
-    check_options options;
+    CheckOptions options;
     if (const auto status = parse_check_command_line(argc, argv, options))
         return *status;
     update_main_path();

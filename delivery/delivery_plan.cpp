@@ -2,6 +2,12 @@
 
 #include "delivery/cppmetadir.h"
 
+#include <cerrno>
+#include <climits>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 DeliveryPlan plan_delivery(int watch_fd, const std::string &name, int target_fd,
                            const std::string &target_name, int archive_fd,
                            const std::string &archive_name) {
@@ -14,4 +20,37 @@ DeliveryPlan plan_delivery(int watch_fd, const std::string &name, int target_fd,
              "Cannot move NEW file into directory"},
             {watch_fd, file_to_metadir(name), target_fd, target_metadir, MoveRule::plain,
              "Cannot move NEW file metadata into directory"}};
+}
+
+bool may_rename_in(int dir_fd) {
+    return dir_fd < 0 || faccessat(dir_fd, ".", W_OK | X_OK, AT_EACCESS) == 0;
+}
+
+int why_not_moved(const Move &move, bool is_free) {
+    const char *name = move.name.c_str();
+    const char *new_name = move.new_name.c_str();
+    if (move.name.empty() || move.new_name.empty() || move.from_fd < 0)
+        return ENOENT;
+    // Nothing is ever renamed to ".", but the mounts are compared before that is refused.
+    if (renameat(move.from_fd, name, move.to_fd, ".") != 0 && errno == EXDEV)
+        return EXDEV;
+    struct stat item {};
+    struct stat other {};
+    if (fstatat(move.from_fd, name, &item, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno;
+    const bool is_taken = fstatat(move.to_fd, new_name, &other, AT_SYMLINK_NOFOLLOW) == 0;
+    if (move.new_name.size() > NAME_MAX)
+        return ENAMETOOLONG;
+    if (is_taken && is_free && other.st_ino == item.st_ino && move.name == move.new_name)
+        return ENOENT; // it is the item that has moved away
+    // The entry ".." of a directory changes.
+    const bool is_directory = S_ISDIR(item.st_mode);
+    if (!may_rename_in(move.from_fd) || !may_rename_in(move.to_fd) ||
+        (is_directory && faccessat(move.from_fd, name, W_OK, AT_EACCESS) != 0))
+        return errno;
+    if (!is_taken || is_free)
+        return 0;
+    if (is_directory != S_ISDIR(other.st_mode))
+        return is_directory ? ENOTDIR : EISDIR;
+    return is_directory && other.st_nlink > 2 ? ENOTEMPTY : 0;
 }

@@ -33,4 +33,13 @@ DeliveryPlan plan_delivery(int watch_fd, const std::string &name, int target_fd,
                            const std::string &target_name, int archive_fd,
                            const std::string &archive_name);
 
+// May the user of the process rename in the directory? False with errno. True for a negative
+// descriptor, a directory that is yet to be made.
+bool may_rename_in(int dir_fd);
+
+// Asks the kernel, in its own order, why it would refuse a move: an errno value, 0 when it would
+// not, ENOENT when there is nothing to move. With is_free, what has the new name now has moved away
+// by then. Changes nothing. A sticky directory, a quota or an immutable file is not found.
+int why_not_moved(const Move &move, bool is_free);
+
 #endif

@@ -5,59 +5,71 @@
 #include "tests/support.h"
 #include "watch/watch_pass.h"
 
-// What the check of a text prints, in which '@' is the storage; the disk stays as it is.
-std::string check_text(const std::string &text, bool dry_run = false) {
-    main_path = fs::current_path();
-    make_tree(".", {{"f.toml", std::regex_replace(text, std::regex("@"), main_path)},
-                    {"link", "-> /"},
-                    {"in/n.mxf", "new"},
+using std::string;
+
+struct Row {
+    const char *name;
+    string text; // of the file; without one, there is no main storage either
+    const char *line;
+    CheckOptions options = {"", "f.toml"};
+};
+
+// What the check prints in a folder that is the main storage. The disk stays as it is.
+string output_for(const Row &row) {
+    make_tree(".", {{"f.toml", row.text},
+                    {"Upload/n.mxf", "new"},
                     {"other/a.mxf", "1"},
+                    {"other/ARCHIVE", "-> /"},
                     {"out/t", "old"},
-                    {"out/.t.metadir/metadata", "original filename=was.mxf\n"}});
+                    {"out/.t.metadir/metadata", "original filename=was.mxf\n"},
+                    {"Play", "-> nowhere"}});
+    main_path = row.text.empty() ? "" : fs::current_path();
     configuration.clear();
     const file_tree before = tree_of(".");
     bool good = false;
-    const std::string output = output_of([&] { good = check({"", "f.toml", false, dry_run}); });
+    string output = output_of([&] { good = check(row.options); });
     EXPECT_EQ(tree_of("."), before);
-    EXPECT_EQ(good, output.find("errors: 0") != std::string::npos) << output;
-    return std::regex_replace(output, std::regex(main_path), "@");
+    EXPECT_EQ(good, output.find("errors: 0") != string::npos) << output;
+    return output;
 }
 
-std::string entry(const std::string &number, const std::string &watch, const std::string &pattern,
-                  const std::string &target) {
-    return "[event" + number + "]\n'watch path'='@/" + watch + "'\n'match pattern'=" + pattern +
-           "\n'target file'='@/" + target + "'\n";
+// An entry with the folders of the working folder.
+string entry(const char *name, const char *watch, const char *pattern, const char *target) {
+    return string("[") + name + "]\n'watch path'='/proc/self/cwd/" + watch +
+           "'\n'match pattern'='" + pattern + "'\n'target file'='/proc/self/cwd/" + target + "'\n";
 }
 
-const std::string good = entry("1", "in", "'[.]mxf$'", "out/a");
+const string good = entry("event1", "Upload", "[.]mxf$", "out/a");
 
-const struct mistake {
-    const char *name;
-    std::string text;
-    const char *line;
-} mistakes[] = {
+const Row rows[] = {
     {"None", good, "Entries: 1, errors: 0, warnings: 0\n"},
-    {"BlankInKey", "\nwatch path = 1\n", "  line 2: watch path = 1\nError: File 'f.toml' cannot"},
-    {"DottedSection", good + "[event.news]\n'x'=''", "of its dot: write [event_news]\nEntries: 1"},
-    {"UnknownKey", good + "'target'=''", "key 'target' is ignored, the keys are 'watch path',"},
-    {"ShellPattern", entry("1", "in", "'news*.mxf'", "out/a"), "is '^news.*[.]mxf$' meant?"},
-    {"NoEnd", entry("1", "in", "'x.(mov|mxf)'", "out/a"), "is 'x[.](mov|mxf)$' meant?"},
-    {"Outside", entry("1", "link", "'m$'", "out/a"), "'@/link' is '/', not below the"},
-    {"SharedTarget", good + entry("0", "in/", "'m$'", "out/a"), "'@/out/a' is that of entry"},
+    {"Blank", "'x'\xC2\xA0= 1", "line 1 ''x'<non-breaking space>= 1': type a plain blank"},
+    {"DottedSection", good + "[event.news]\n'x'=''", "the dot of [event.news] is ignored: write"},
+    {"ShellPattern", entry("event", "Upload", "news*.mxf", "out/a"), "'^news.*[.]mxf$' meant?"},
+    {"NoEnd", entry("event", "Upload", "x.(mov|mxf)", "out/a"), "is 'x.(mov|mxf)$' meant?"},
+    {"HalfUploads", entry("event", "Upload", ".ts|.mxf", "out/a"), "is '[.](ts|mxf)$' meant?"},
+    {"Braces", entry("event", "Upload", "[.]{ts,mxf}$", "out/a"), "does not match show.mxf: is"},
+    {"TargetIsFolder", entry("event", "Upload", "m$", "out"), "/out' is a directory: write the"},
+    {"Outside", entry("event", "Upload", "m$", "other/a"), "/ARCHIVE' is '/', not below the main"},
+    {"SharedTarget", good + entry("event", "out", "m$", "out/a"),
+     "the target file of entry 'event'"},
+    {"Play", "", "/Play' cannot be opened, No such", {"/proc/self/cwd", ""}},
+    {"NoStorage", "", "Error: the main storage '/mnt/main' is not there"},
+    {"LoadOnly", "", "Entries: 0, errors: 1, warnings: 0\n", {"", "f.toml", true}},
 };
 
-const bool registered = register_rows("Mistake", mistakes, [](const mistake &row) {
+const bool registered = register_rows("Mistake", rows, [](const Row &row) {
     const temporary_tree tree;
-    EXPECT_TRUE(has(check_text(row.text), row.line));
+    EXPECT_TRUE(has(output_for(row), row.line)) << "It lacks: " << row.line;
 });
 
 // The announcement of a pass, and what the pass then makes of it.
 TEST(Check, DryRunSaysWhatThePassDoes) {
     const temporary_tree tree;
-    const std::string text = entry("1", "in", "'n'", "out/t") +
-                             entry("2", "other", "'a'", "out/t") +
-                             entry("3", "in", "'m$'", "out/u");
-    EXPECT_TRUE(has(check_text(text, true),
+    const string text = entry("event1", "Upload", "n", "out/t") +
+                        entry("event2", "other", "a", "out/t") +
+                        entry("event3", "Upload", "m$", "out/u");
+    EXPECT_TRUE(has(output_for({"", text, "", {"", "f.toml", false, true}}),
                     "Entry 'event1': would deliver 'n.mxf', and archive 't' as 'was.mxf'\n"
                     "Entry 'event2': would deliver 'a.mxf', and archive 't' as 'n.mxf'\n"
                     "Entry 'event3': nothing to deliver\n"));
