@@ -96,9 +96,8 @@ string delivery_text(int watch_fd, const string &file, const ItemContext &target
     const unique_fd archive = makes_archive ? unique_fd(-1) : open_archive(target.dir_fd());
     if (!makes_archive && !archive)
         return failure_text("cannot open the ARCHIVE directory", errno);
-    const int error = makes_archive && target.dir_fd() >= 0 ? rename_error_of(target.dir_fd()) : 0;
-    if (error != 0)
-        return failure_text("cannot make the ARCHIVE directory", error);
+    if (makes_archive && !may_rename_in(target.dir_fd()))
+        return failure_text("cannot make the ARCHIVE directory", errno);
     ItemMetadata list;
     list.load_from_file(target, false);
     bool has_slash = false;

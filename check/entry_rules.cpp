@@ -2,6 +2,7 @@
 
 #include "base/handles.h"
 #include "check/finding.h"
+#include "delivery/delivery_plan.h"
 #include "service/main_storage.h"
 #include "watch/cpprealpath.h"
 
@@ -36,8 +37,7 @@ DirectoryFacts collect_directory_facts(const char *what, const string &path) {
     const auto type = static_cast<uint32_t>(system.f_type);
     facts.is_remote = type == FUSE_SUPER_MAGIC || type == NFS_SUPER_MAGIC ||
                       type == CIFS_SUPER_MAGIC || type == SMB2_SUPER_MAGIC;
-    // With the effective user and its capabilities; a read-only file system is an answer too.
-    facts.rename_error = faccessat(fd.get(), ".", W_OK | X_OK, AT_EACCESS) == 0 ? 0 : errno;
+    facts.rename_error = may_rename_in(fd.get()) ? 0 : errno;
     return facts;
 }
 

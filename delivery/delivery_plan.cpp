@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,6 +24,9 @@ DeliveryPlan plan_delivery(int watch_fd, const std::string &name, int target_fd,
 }
 
 bool may_rename_in(int dir_fd) {
+    // A hard link to a directory is always refused, but first an id-mapped mount without the user.
+    if (linkat(dir_fd, ".", dir_fd, ".no second name", 0) != 0 && errno == EOVERFLOW)
+        return false;
     return dir_fd < 0 || faccessat(dir_fd, ".", W_OK | X_OK, AT_EACCESS) == 0;
 }
 
@@ -52,5 +56,7 @@ int why_not_moved(const Move &move, bool is_free) {
         return 0;
     if (is_directory != S_ISDIR(other.st_mode))
         return is_directory ? ENOTDIR : EISDIR;
-    return is_directory && other.st_nlink > 2 ? ENOTEMPTY : 0;
+    std::error_code failure;
+    const std::string there = "/proc/self/fd/" + std::to_string(move.to_fd) + "/" + move.new_name;
+    return is_directory && !std::filesystem::is_empty(there, failure) ? ENOTEMPTY : 0;
 }
