@@ -37,20 +37,15 @@ private:
     int fd_;
 };
 
-struct stream_closer {
-    void operator()(DIR *stream) const {
+template<auto close_stream> struct StreamCloser {
+    template<typename Stream> void operator()(Stream *stream) const {
         const int saved = errno;
-        closedir(stream);
-        errno = saved;
-    }
-    void operator()(FILE *stream) const {
-        const int saved = errno;
-        fclose(stream);
+        close_stream(stream);
         errno = saved;
     }
 };
 
-using unique_dir = std::unique_ptr<DIR, stream_closer>;
-using unique_file = std::unique_ptr<FILE, stream_closer>;
+using unique_dir = std::unique_ptr<DIR, StreamCloser<closedir>>;
+using unique_file = std::unique_ptr<FILE, StreamCloser<fclose>>;
 
 #endif

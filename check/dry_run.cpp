@@ -100,9 +100,7 @@ string delivery_text(int watch_fd, const string &file, const ItemContext &target
         return failure_text("cannot make the ARCHIVE directory", errno);
     ItemMetadata list;
     list.load_from_file(target, false);
-    bool has_slash = false;
-    const ArchiveBase base =
-        choose_archive_base(archive.get(), own, original_name_in(list, has_slash));
+    const ArchiveBase base = choose_archive_base(archive.get(), own, original_name_in(list, false));
     const string suffix = base.needs_suffix ? archive_suffix({}, monotonic_clock_us()) : "";
     const string text = plan_text(
         plan_delivery(watch_fd, file, target.dir_fd(), own, archive.get(), base.name + suffix),

@@ -26,15 +26,14 @@ constexpr size_t wanted_stack = size_t{64} << 20;
 // What a level of recursion in the parser takes at most, bytes; that is with AddressSanitizer.
 constexpr size_t level_size = 1200;
 
-// Raises the soft limit of the stack, which the kernel reads as the stack grows, as far as the hard
+// Sets the soft limit of the stack, which the kernel reads as the stack grows, as far as the hard
 // limit allows. Returns it.
 size_t raise_stack_limit() {
     rlimit limit{};
     getrlimit(RLIMIT_STACK, &limit);
-    const rlimit raised{std::min<rlim_t>(wanted_stack, limit.rlim_max), limit.rlim_max};
-    if (limit.rlim_cur < raised.rlim_cur && setrlimit(RLIMIT_STACK, &raised) == 0)
-        limit = raised;
-    return std::min<rlim_t>(limit.rlim_cur, wanted_stack);
+    limit.rlim_cur = std::min<rlim_t>(wanted_stack, limit.rlim_max);
+    setrlimit(RLIMIT_STACK, &limit);
+    return limit.rlim_cur;
 }
 
 // Hands a text to the parser line by line. The parser recurses without a bound, a level at most for

@@ -12,7 +12,7 @@ std::string archive_suffix(const tm &local_time, uint64_t clock_us) {
 
 ArchiveBase choose_archive_base(int archive_fd, const std::string &target_name,
                                 const std::string &original_name) {
-    if (original_name.empty())
+    if (original_name.empty() || original_name.find('/') != std::string::npos)
         return {target_name, true};
     struct stat status {};
     const bool is_taken = archive_fd >= 0 && (fstatat(archive_fd, original_name.c_str(), &status,

@@ -16,8 +16,8 @@ struct ArchiveBase {
 };
 
 // The recorded original name, with a suffix when something of that name stands in the archive
-// directory, or that cannot be told; the target's own name with a suffix when none is recorded. A
-// negative descriptor is a directory that is not there yet.
+// directory, or that cannot be told; the target's own name with a suffix when none is recorded, or
+// one with a slash. A negative descriptor is a directory that is not there yet.
 ArchiveBase choose_archive_base(int archive_fd, const std::string &target_name,
                                 const std::string &original_name);
 

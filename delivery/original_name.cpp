@@ -8,28 +8,27 @@ namespace {
 
 constexpr char original_name_key[] = "original filename";
 
-// The index of the last entry with the key, or the number of entries when none has it.
-uint64_t find_original_name(const ItemMetadata &list) {
-    for (uint64_t index = list.entry_count(); index > 0; --index) {
-        const metadata_v4_metadata_entry *entry = list.entry_at(index - 1);
-        if (entry != nullptr && strcmp(entry->name, original_name_key) == 0)
-            return index - 1;
-    }
-    return list.entry_count();
-}
-
-void print_entries(const ItemMetadata &list) {
-    for (uint64_t index = 0; index < list.entry_count(); ++index)
-        if (const metadata_v4_metadata_entry *entry = list.entry_at(index))
+// Prints the entries where that is wanted. Returns the index of the last one with the key, or the
+// number of entries when none has it.
+uint64_t find_original_name(const ItemMetadata &list, bool prints) {
+    uint64_t position = list.entry_count();
+    for (uint64_t index = 0; index < list.entry_count(); ++index) {
+        const metadata_v4_metadata_entry *entry = list.entry_at(index);
+        if (entry == nullptr)
+            continue;
+        if (strcmp(entry->name, original_name_key) == 0)
+            position = index;
+        if (prints)
             diag("metadata '%s'='%s'\n", entry->name, entry->value);
+    }
+    return position;
 }
 
 void store_name(const ItemContext &target, const char *name) {
     ItemMetadata list;
     if (!list.load_from_file(target, true))
         diag("Target meta load fail\n");
-    print_entries(list);
-    const uint64_t position = find_original_name(list);
+    const uint64_t position = find_original_name(list, true);
     const bool already = position < list.entry_count();
     diag("already=%u\n", already ? 1U : 0U);
     if (already)
@@ -42,21 +41,19 @@ void store_name(const ItemContext &target, const char *name) {
 
 } // namespace
 
-std::string original_name_in(const ItemMetadata &list, bool &has_slash) {
-    const metadata_v4_metadata_entry *entry = list.entry_at(find_original_name(list));
-    const std::string name = entry == nullptr ? "" : entry->value;
-    has_slash = name.find('/') != std::string::npos;
-    return has_slash ? "" : name;
+std::string original_name_in(const ItemMetadata &list, bool prints) {
+    const metadata_v4_metadata_entry *entry = list.entry_at(find_original_name(list, prints));
+    return entry == nullptr ? "" : entry->value;
 }
 
 std::string read_original_name(const ItemContext &target, ItemMetadata &list) {
     if (!list.load_from_file(target, false))
         diag("Target meta load fail from old file\n");
-    print_entries(list);
-    bool has_slash = false;
-    std::string name = original_name_in(list, has_slash);
-    if (has_slash)
+    std::string name = original_name_in(list, true);
+    if (name.find('/') != std::string::npos) {
         diag("Forward slash in original name, rejecting.\n");
+        name.clear();
+    }
     diag("Original filename: '%s'\n", name.c_str());
     return name;
 }

@@ -8,14 +8,14 @@
 
 #include <string>
 
-// The name that a loaded list records; empty when there is none, or one that holds a slash. Stores
-// whether it did.
-std::string original_name_in(const ItemMetadata &list, bool &has_slash);
+// The name that a loaded list records, as it stands; empty when there is none. Where that is
+// wanted, prints "metadata '%s'='%s'" for each entry.
+std::string original_name_in(const ItemMetadata &list, bool prints);
 
-// Loads the target's metadata into the caller's list and returns the recorded name as
-// original_name_in does. Prints "metadata '%s'='%s'" for each entry, "Original filename: '%s'", and
-// "Target meta load fail from old file" or "Forward slash in original name, rejecting." where it
-// applies.
+// Loads the target's metadata into the caller's list and returns the recorded name; empty when
+// there is none, or one that holds a slash. Prints "metadata '%s'='%s'" for each entry, "Original
+// filename: '%s'", and "Target meta load fail from old file" or "Forward slash in original name,
+// rejecting." where it applies.
 std::string read_original_name(const ItemContext &target, ItemMetadata &list);
 
 // Reopens the target's handles and stores the name in its metadata, which is made where there is
