@@ -14,8 +14,7 @@
 
 void (*meanwhile)() = [] {};         // between the opening of ARCHIVE and the moves
 void (*before_new_file)() = [] {};   // between the archiving and the move of the new file
-bool knows_no_flag = false;          // as some file systems
-bool takes_no_list = false;          // of access
+std::string refused;                 // a call of which the file system knows nothing
 std::optional<child_process> lessee; // of metadata
 
 // The clocks of the archive suffix stand still.
@@ -28,20 +27,18 @@ extern "C" time_t time(time_t *) noexcept {
     return 1706715902;
 }
 
-extern "C" int renameat2(int from, const char *name, int to, const char *new_name,
-                         unsigned int flags) noexcept {
-    std::exchange(before_new_file, [] {})();
+int call_unless_refused(const char *name, long number, long a, const void *b, long c, long d,
+                        long e) {
     errno = EINVAL;
-    return knows_no_flag
-               ? -1
-               : static_cast<int>(syscall(SYS_renameat2, from, name, to, new_name, flags));
+    return refused == name ? -1 : static_cast<int>(syscall(number, a, b, c, d, e));
 }
-extern "C" int fsetxattr(int fd, const char *name, const void *value, size_t size,
-                         int flags) noexcept {
-    errno = EPERM;
-    return takes_no_list && strncmp(name, "user.", 5) != 0
-               ? -1
-               : static_cast<int>(syscall(SYS_fsetxattr, fd, name, value, size, flags));
+extern "C" int renameat2(int a, const char *b, int c, const char *d, unsigned int e) noexcept {
+    std::exchange(before_new_file, [] {})();
+    return call_unless_refused("renameat2", SYS_renameat2, a, b, c, reinterpret_cast<long>(d), e);
+}
+extern "C" int fsetxattr(int a, const char *b, const void *c, size_t d, int e) noexcept {
+    return call_unless_refused(b, SYS_fsetxattr, a, b, reinterpret_cast<long>(c),
+                               static_cast<long>(d), e);
 }
 // Between two tries to open metadata.
 extern "C" int nanosleep(const timespec *, timespec *) {
@@ -62,14 +59,23 @@ file_tree old_and_new(file_tree more = {}) {
     return more;
 }
 
-// The new item in place, the old one in the archive.
-file_tree archived_as(const std::string &name, const std::string &metadata, file_tree more = {}) {
-    more.insert({{"play/ARCHIVE/" + name, "old"},
-                 {"play/ARCHIVE/." + name + ".metadir/metadata", metadata},
-                 {"play/t", "new"},
-                 {meta, named + "n\n"},
-                 {"watch/", ""}});
-    return more;
+// The same with the new item in place and the old one in the archive, under a name.
+file_tree delivered(const file_tree &before, const std::string &name, const std::string &metadata) {
+    file_tree after = {{"watch/", ""}, {meta, metadata}};
+    const std::pair<std::string, std::string> moves[] = {
+        {"play/t", "play/ARCHIVE/" + name},
+        {"play/.t.metadir", "play/ARCHIVE/." + name + ".metadir"},
+        {"watch/n", "play/t"},
+        {"watch/.n.metadir", "play/.t.metadir"}};
+    for (const auto &[path, text] : before) {
+        std::string place = path;
+        for (const auto &[from, to] : moves)
+            if (path.compare(0, from.size(), from) == 0)
+                place = to + path.substr(from.size());
+        after.insert({fs::path(place).lexically_normal(), text});
+    }
+    after.erase("play/.t.metadir/.metadata.new");
+    return after;
 }
 
 const file_tree outside = {{"metadata", "canary=\n"}, {".media.item.active.socket", ""}};
@@ -98,94 +104,80 @@ struct storage : temporary_tree {
     }
 };
 
+// Paths, each followed by its content.
+template<typename... Texts> file_tree files(const Texts &...texts) {
+    const std::vector<std::string> all = {texts...};
+    file_tree tree;
+    for (size_t i = 0; i < all.size(); i += 2)
+        tree[all[i]] = all[i + 1];
+    return tree;
+}
+
+const std::string not_acting = "File 'play/t' is running, not acting\n";
+
 const struct delivery_case {
     const char *name;
-    file_tree before;
+    file_tree more; // besides an old and a new item
     std::string line;
-    file_tree after = {};               // empty: nothing is moved
+    std::string archived = {}; // the name in ARCHIVE; empty: nothing is moved, or as told below
+    std::string metadata = named + "n\n";
     void (*before_the_moves)() = [] {}; // what somebody else does then
+    file_tree after = {};
 } delivery_cases[] = {
     {"WithMetadata",
-     old_and_new({{meta, named + "x\n\na\\=b\\\\=c\\n\\\\\\t\n=\n" + named + "m\n"},
-                  {left_over, "by a crash"},
-                  {"watch/.n.metadir/metadata", "no value\n\n" + named + "z\nc=d"}}),
+     files(meta, named + "x\n\na\\=b\\\\=c\\n\\\\\\t\n=\n" + named + "m\n", left_over, "by a crash",
+           "watch/.n.metadir/metadata", "no value\n\n" + named + "z\nc=d"),
      "metadata 'a=b\\'='c\n\\\\t'\nmetadata 'original filename'='m'\nOriginal filename: 'm'\n" +
          moved + "metadata 'original filename'='z'\nmetadata 'c'='d'\nalready=1\n",
-     archived_as("m", named + "x\n\na\\=b\\\\=c\\n\\\\\\t\n=\n" + named + "m\n",
-                 {{meta, "no value\n\n" + named + "n\nc=d"}})},
+     "m", "no value\n\n" + named + "n\nc=d"},
     {"SlashInRecordedName", // and metadata that has none, and no last newline
-     old_and_new({{meta, named + "../m\n"}, {"watch/.n.metadir/metadata", "\na=1"}}),
+     files(meta, named + "../m\n", "watch/.n.metadir/metadata", "\na=1"),
      "Forward slash in original name, rejecting.\nOriginal filename: ''\n" + moved +
          "metadata 'a'='1'\nalready=0\n",
-     archived_as("t" + suffix, named + "../m\n", {{meta, "\na=1\n" + named + "n\n"}})},
+     "t" + suffix, "\na=1\n" + named + "n\n"},
     {"RecordedNameIsTaken", // by a link to nothing
-     old_and_new({{meta, named + "m\n"}, {"play/ARCHIVE/m", "-> gone"}}),
-     "metadata 'original filename'='m'\nOriginal filename: 'm'\n" + moved,
-     archived_as("m" + suffix, named + "m\n", {{"play/ARCHIVE/m", "-> gone"}})},
-    {"MarkerIsAFile", old_and_new({{marker, ""}}), "File 'play/t' is running, not acting\n"},
-    {"MarkerLeadsToAServedSocket", old_and_new({{marker, "-> ../served"}}),
-     "File 'play/t' is running, not acting\n"},
-    {"MarkerLeadsThroughAMagicLink",
-     old_and_new({{marker, "-> /proc/self/cwd/../served"}}),
-     moved,
-     {{"play/ARCHIVE/t" + suffix, "old"},
-      {"play/ARCHIVE/.t" + suffix + ".metadir/.media.item.active.socket",
-       "-> /proc/self/cwd/../served"},
-      {"play/t", "new"},
-      {meta, named + "n\n"},
-      {"watch/", ""}}},
-    {"ArchiveLeadsOutside", old_and_new({{"play/ARCHIVE", "-> ../../canary"}}),
+     files(meta, named + "m\n", "play/ARCHIVE/m", "-> gone"),
+     "metadata 'original filename'='m'\nOriginal filename: 'm'\n" + moved, "m" + suffix},
+    {"MarkerIsAFile", files(marker, ""), not_acting},
+    {"MarkerLeadsToAServedSocket", files(marker, "-> ../served"), not_acting},
+    {"MarkerLeadsThroughAMagicLink", files(marker, "-> /proc/self/cwd/../served"), moved,
+     "t" + suffix},
+    {"ArchiveLeadsOutside", files("play/ARCHIVE", "-> ../../canary"),
      "Cannot access ARCHIVE directory, Invalid cross-device link\n"},
-    {"ArchiveLeadsThroughAMagicLink", old_and_new({{"play/ARCHIVE", "-> /proc/self/cwd/watch"}}),
+    {"ArchiveLeadsThroughAMagicLink", files("play/ARCHIVE", "-> /proc/self/cwd/watch"),
      "Cannot access ARCHIVE directory, Too many levels of symbolic links\n"},
-    {"ArchiveIsALinkWithinTheStorage",
-     old_and_new({{"play/ARCHIVE", "-> ../old"}, {"old/x", "x"}, {meta, named + "m\n"}}),
-     moved,
-     {{"play/ARCHIVE", "-> ../old"},
-      {"old/x", "x"},
-      {"old/m", "old"},
-      {"old/.m.metadir/metadata", named + "m\n"},
-      {"play/t", "new"},
-      {meta, named + "n\n"},
-      {"watch/", ""}}},
-    {"SomethingAppearsAtTheTarget",
-     old_and_new({{meta, named + "m\n"}}),
-     "Cannot move NEW file into directory, File exists\n",
-     {{"play/ARCHIVE/m", "old"},
-      {"play/ARCHIVE/.m.metadir/metadata", named + "m\n"},
-      {"play/t", "theirs"},
-      {"watch/n", "new"}},
-     [] { before_new_file = [] { write_file("play/t", "theirs"); }; }},
-    {"FileSystemKnowsNoFlag", old_and_new({{meta, named + "m\n"}}), moved + "already=0\n",
-     archived_as("m", named + "m\n"), [] { knows_no_flag = true; }},
-    {"MetadataUnderALease", old_and_new({{meta, named + "m\n"}}), moved,
-     archived_as("m", named + "m\n"),
-     [] { lessee.emplace([] { fcntl(open(meta.c_str(), O_RDWR), F_SETLEASE, F_WRLCK); }); }},
-    {"ArchiveIsNoDirectory", old_and_new({{"play/ARCHIVE", "x"}}),
+    {"ArchiveIsALinkWithinTheStorage", files("play/ARCHIVE", "-> ../old", "old/x", "x"), moved,
+     "../../old/t" + suffix},
+    {"ArchiveIsNoDirectory", files("play/ARCHIVE", "x"),
      "Cannot access ARCHIVE directory, Not a directory\n"},
-    {"ArchiveHasGone",
-     old_and_new(),
-     "Cannot move ARCHIVE file into directory, No such file or directory\n",
-     {},
+    {"FileSystemKnowsNoFlag", files(), moved + "already=0\n", "t" + suffix, named + "n\n",
+     [] { refused = "renameat2"; }},
+    {"MetadataUnderALease", files(meta, named + "m\n"), moved, "m", named + "n\n",
+     [] { lessee.emplace([] { fcntl(open(meta.c_str(), O_RDWR), F_SETLEASE, F_WRLCK); }); }},
+    {"ArchiveHasGone", files(),
+     "Cannot move ARCHIVE file into directory, No such file or directory\n", "", "",
      [] { fs::remove("play/ARCHIVE"); }},
-    {"FolderTookTheNameOfTheTargets",
-     {{"other/t", "theirs"}, {meta, "a=b\n"}, {"watch/n", "new"}},
-     "Metadir fail\nTarget meta load fail\nalready=0\nTarget meta save fail\n",
-     {{"play/t", "theirs"},
-      {"was/t", "new"},
-      {"was/ARCHIVE/.t" + suffix + ".metadir/metadata", "a=b\n"},
-      {"watch/", ""}},
+    {"SomethingAppearsAtTheTarget", files(), "Cannot move NEW file into directory, File exists\n",
+     "", "", [] { before_new_file = [] { write_file("play/t", "theirs"); }; },
+     files("play/ARCHIVE/t" + suffix, "old", "play/t", "theirs", "watch/n", "new")},
+    {"FolderTookTheNameOfTheTargets", files("other/t", "theirs"),
+     "Metadir fail\nTarget meta load fail\nalready=0\nTarget meta save fail\n", "", "",
      [] {
          fs::rename("play", "was");
          fs::rename("other", "play");
-     }},
+     },
+     files("play/t", "theirs", "was/t", "new", "was/ARCHIVE/t" + suffix, "old", "watch/", "")},
 };
 
 void check_delivery(const delivery_case &row) {
-    const storage tree(row.before);
+    const file_tree before = old_and_new(row.more);
+    const storage tree(before);
     meanwhile = row.before_the_moves;
+    refused.clear();
     EXPECT_TRUE(has(tree.pass(), row.line));
-    EXPECT_EQ(tree_of("."), row.after.empty() ? row.before : row.after);
+    EXPECT_EQ(tree_of("."), !row.after.empty()     ? row.after
+                            : row.archived.empty() ? before
+                                                   : delivered(before, row.archived, row.metadata));
 }
 
 // The storage has "link", which leads to a folder beside it. A file waits in each.
@@ -295,7 +287,7 @@ TEST(Delivery, RightsAreKeptOrTakenFromTheMediaFile) {
     EXPECT_TRUE(!is_root || (status.st_uid == 56 && status.st_gid == 78));
     EXPECT_EQ(attribute_of(meta, "user.rating"), "18");
     EXPECT_EQ(attribute_of(meta, access_list), list);
-    takes_no_list = true;
+    refused = access_list;
     fs::rename("play/t", "watch/n");
     fs::rename("play/.t.metadir", "watch/.n.metadir");
     tree.pass();
