@@ -11,7 +11,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <unistd.h>
 
 namespace {
 
@@ -41,8 +40,7 @@ bool load_directory(const std::string &dir) {
     // something to discover.
     const std::string upload_root = dir + "/Upload/";
     std::error_code ignored;
-    const bool has_play = fs::exists(fs::symlink_status(dir + "/Play", ignored)) ||
-                          euidaccess(dir.c_str(), W_OK | X_OK) != 0;
+    const bool has_play = fs::exists(fs::symlink_status(dir + "/Play", ignored));
     configuration = discover_watch_folders(upload_root, upload_root);
     for (auto &[name, entry] : configuration)
         entry.target_file.replace(0, upload_root.size(), dir + (has_play ? "/Play/" : "/"));

@@ -34,23 +34,20 @@ string process_text(int pid) {
     return pid <= 0 ? "a process that was not found" : "process " + number + " (" + name + ")";
 }
 
-string use_of(const string &name, const string &path) {
-    procfs_path_in_use_info info{};
-    procfs_path_in_use(path.c_str(), &info, 1, PROCFS_FIND_HOLDER);
-    return "waits: " + name + " is in use by " + process_text(info.pid);
-}
-
 string refusal_text(Refusal reason, const WatchEntry &entry, const ItemContext &target,
                     const string &file) {
-    if (reason == Refusal::source_in_use)
-        return use_of("'" + file + "'", entry.watch_path + "/" + file);
-    if (reason == Refusal::target_in_use)
-        return use_of("the item in place", entry.target_file);
     const string socket = read_marker(target).value_or("");
-    const string running = "waits: the item in place is running, its marker ";
-    return socket.empty() ? running + "is a file"
-                          : running + "leads to '" + socket + "', served by " +
-                                process_text(get_socket_server_pid(socket.c_str(), 0));
+    if (reason == Refusal::running)
+        return "waits: the item in place is running, its marker " +
+               (socket.empty() ? "is a file"
+                               : "leads to '" + socket + "', served by " +
+                                     process_text(get_socket_server_pid(socket.c_str(), 0)));
+    const bool is_source = reason == Refusal::source_in_use;
+    const string path = is_source ? entry.watch_path + "/" + file : entry.target_file;
+    procfs_path_in_use_info info{};
+    procfs_path_in_use(path.c_str(), &info, 1, PROCFS_FIND_HOLDER);
+    return "waits: " + (is_source ? "'" + file + "'" : "the item in place") + " is in use by " +
+           process_text(info.pid);
 }
 
 bool is_failure(int code) {
@@ -67,8 +64,8 @@ string plan_text(const DeliveryPlan &plan, const string &archive_name) {
     const string &file = plan.new_file.name;
     const string names = " '" + own + "' as '" + archive_name + "'";
     int code = why_not_moved(plan.old_file, false);
-    if (!is_failure(code) && own == archive_directory)
-        code = EINVAL; // into itself
+    if (code == ENOENT && own == archive_directory)
+        code = EINVAL; // it is made by then
     if (is_failure(code))
         return failure_text("cannot archive" + names, code);
     const bool has_item = code == 0;

@@ -2,6 +2,8 @@
 
 #include "base/handles.h"
 #include "check/finding.h"
+#include "delivery/cppmetadir.h"
+#include "delivery/deliver_file.h"
 #include "delivery/delivery_plan.h"
 #include "service/main_storage.h"
 #include "watch/cpprealpath.h"
@@ -18,6 +20,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using std::string;
+
+// Bytes that leave room for the suffix in the archive, and for the metadata directory of that.
+constexpr size_t longest_name = 205;
 
 DirectoryFacts collect_directory_facts(const char *what, const string &path) {
     DirectoryFacts facts;
@@ -50,6 +55,8 @@ string reason_for(int code, fs::path path) {
     std::error_code ignored;
     while (path.has_relative_path() && !fs::exists(path.parent_path(), ignored))
         path = path.parent_path();
+    if (code == EACCES && geteuid() != 0)
+        return "Permission denied: run this as root or as the service's user";
     return strerror(code) + (code == ENOENT ? ": there is no '" + path.string() + "'" : "");
 }
 
@@ -95,7 +102,8 @@ KnownEntry collect_facts(const WatchEntry &entry) {
     const fs::path directory = target.has_parent_path() ? target.parent_path() : ".";
     return {&entry, collect_directory_facts("watch path", entry.watch_path),
             collect_directory_facts("target directory", directory),
-            collect_directory_facts("ARCHIVE directory", directory / "ARCHIVE"), target.filename()};
+            collect_directory_facts("ARCHIVE directory", directory / archive_directory),
+            target.filename()};
 }
 
 void judge_entry(const KnownEntry &known) {
@@ -111,6 +119,11 @@ void judge_entry(const KnownEntry &known) {
                         "archive the whole directory");
     else if (fs::exists(item) && !fs::is_regular_file(item))
         report(warning, entry, target + "is no regular file, the first delivery would archive it");
+    if (known.target_name == archive_directory || is_metadata_dir_name(known.target_name))
+        report(error, entry, target + "has a name that the service itself uses: choose another");
+    if (known.target_name.size() > longest_name)
+        report(known.target_name.size() > 246 ? error : warning, entry,
+               target + "has a name of more than 205 bytes: it may not be archived, with metadata");
     const bool takes_watch = judge_directory(entry, known.watch);
     if (known.target_name.empty() || !judge_directory(entry, known.target))
         return;

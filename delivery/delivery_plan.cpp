@@ -45,10 +45,13 @@ int why_not_moved(const Move &move, bool is_free) {
     const bool is_taken = fstatat(move.to_fd, new_name, &other, AT_SYMLINK_NOFOLLOW) == 0;
     if (move.new_name.size() > NAME_MAX)
         return ENAMETOOLONG;
+    const bool is_directory = S_ISDIR(item.st_mode);
+    struct stat to {};
+    if (is_directory && fstat(move.to_fd, &to) == 0 && to.st_ino == item.st_ino)
+        return EINVAL; // into itself
     if (is_taken && is_free && other.st_ino == item.st_ino && move.name == move.new_name)
         return ENOENT; // it is the item that has moved away
     // The entry ".." of a directory changes.
-    const bool is_directory = S_ISDIR(item.st_mode);
     if (!may_rename_in(move.from_fd) || !may_rename_in(move.to_fd) ||
         (is_directory && faccessat(move.from_fd, name, W_OK, AT_EACCESS) != 0))
         return errno;

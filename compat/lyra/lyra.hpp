@@ -52,7 +52,6 @@ struct opt {
     }
 
     // The stand-in's own.
-    bool is_positional() const { return names_.empty(); }
     bool is_named(const std::string &name) const {
         return std::find(names_.begin(), names_.end(), name) != names_.end();
     }
@@ -71,6 +70,7 @@ struct opt {
     std::string description_;
     std::vector<std::string> names_;
     bool ends_parse_ = false; // a help flag: what follows it no longer matters
+    bool is_given_ = false;
 };
 
 // A positional argument, which may be left out: it has no name.
@@ -83,8 +83,8 @@ inline opt help(bool &flag) {
     return option;
 }
 
-// The parser: options and arguments in the order in which the usage text shows them, each accepted
-// once.
+// The parser, for one parse: options and arguments in the order in which the usage text shows them,
+// each accepted once.
 class cli {
 public:
     cli &add_argument(const opt &option) {
@@ -93,106 +93,86 @@ public:
     }
 
     // Sets the bound variables from left to right; those before a faulty argument stay set.
-    parse_result parse(const args &arguments) {
-        exe_name_ = arguments.exe_name.substr(arguments.exe_name.find_last_of("/\\") + 1);
-        std::vector<bool> seen(options_.size(), false);
-        outcome at;
-        while (at.next < arguments.arguments.size() && !at.ended && at.message.empty())
-            parse_one(arguments.arguments, at, seen);
-        return {at.message};
+    parse_result parse(const args &given) {
+        exe_name_ = given.exe_name.substr(given.exe_name.find_last_of("/\\") + 1);
+        arguments_ = given.arguments;
+        while (next_ < arguments_.size() && !has_ended_ && message_.empty())
+            parse_one(arguments_[next_++]);
+        return {message_};
     }
 
 private:
     friend std::ostream &operator<<(std::ostream &, const cli &);
 
-    struct outcome {
-        std::size_t next = 0; // index of the argument to look at
-        bool ended = false;
-        std::string message;
-    };
-
-    // The first option of that name that has not been given yet, or the number of options.
-    std::size_t find(const std::string &name, const std::vector<bool> &seen) const {
-        std::size_t i = 0;
-        while (i < options_.size() && (seen[i] || !options_[i].is_named(name)))
-            ++i;
-        return i;
+    // The first option of that name that has not been given yet, or null. Without a name, the first
+    // positional argument.
+    opt *find(const std::string &name) {
+        for (opt &option : options_)
+            if (!option.is_given_ && (name.empty() ? option.names_.empty() : option.is_named(name)))
+                return &option;
+        return nullptr;
     }
 
-    // Gives a word that is no option to the first positional argument without a value. False when
-    // there is none.
-    bool take_word(const std::string &word, std::vector<bool> &seen) {
-        for (std::size_t i = 0; i < options_.size(); ++i) {
-            if (seen[i] || !options_[i].is_positional())
-                continue;
-            *options_[i].value_ = word;
-            return seen[i] = true;
-        }
-        return false;
-    }
-
-    // One argument: a word, a long option, or a dash and one or more short ones, the last with its
-    // value.
-    void parse_one(const std::vector<std::string> &arguments, outcome &at,
-                   std::vector<bool> &seen) {
-        const std::string &argument = arguments[at.next++];
-        const std::string unrecognized = "Unrecognized token: " + argument;
+    // A word, a long option, or a dash and one or more short ones, the last with its value.
+    void parse_one(const std::string &argument) {
         if (argument.size() < 2 || argument[0] != '-') {
-            if (!take_word(argument, seen))
-                at.message = unrecognized;
+            if (opt *word = find(""))
+                take(*word, "", &argument);
+            else
+                refuse(argument);
             return;
         }
         const std::size_t delimiter = argument.find_first_of(" =");
         const bool has_value = delimiter != std::string::npos;
         const std::string name = argument.substr(0, delimiter);
         const std::string value = has_value ? argument.substr(delimiter + 1) : std::string();
-        if (const std::size_t i = find(name, seen); i < options_.size()) {
-            take(i, name, has_value ? &value : nullptr, arguments, at, seen);
-            return;
-        }
-        if (argument[1] == '-') {
-            at.message = unrecognized;
+        if (opt *option = find(name)) {
+            take(*option, name, has_value ? &value : nullptr);
             return;
         }
         for (std::size_t position = 1; position < argument.size(); ++position) {
             const std::string letter = {'-', argument[position]};
-            const std::size_t i = find(letter, seen);
-            if (i == options_.size()) {
-                at.message = unrecognized;
+            opt *option = argument[1] == '-' ? nullptr : find(letter);
+            if (option == nullptr) {
+                refuse(argument);
                 return;
             }
             const bool delimited = position + 1 == delimiter;
             const std::string rest = argument.substr(position + (delimited ? 2 : 1));
-            const bool joined = delimited || (options_[i].value_ != nullptr && !rest.empty());
-            take(i, letter, joined ? &rest : nullptr, arguments, at, seen);
-            if (joined || at.ended || !at.message.empty())
+            const bool joined = delimited || (option->value_ != nullptr && !rest.empty());
+            take(*option, letter, joined ? &rest : nullptr);
+            if (joined || has_ended_ || !message_.empty())
                 return;
         }
     }
 
+    void refuse(const std::string &argument) { message_ = "Unrecognized token: " + argument; }
+
     // Applies one option, with the value from its own argument or else from the next one.
-    void take(std::size_t i, const std::string &name, const std::string *joined,
-              const std::vector<std::string> &arguments, outcome &at, std::vector<bool> &seen) {
-        const opt &option = options_[i];
-        seen[i] = true;
+    void take(opt &option, const std::string &name, const std::string *joined) {
+        option.is_given_ = true;
         if (option.flag_ != nullptr) {
             if (joined != nullptr) {
-                at.message = "Flag option '" + name + "' contains value '" + *joined + "'.";
+                message_ = "Flag option '" + name + "' contains value '" + *joined + "'.";
                 return;
             }
             *option.flag_ = true;
-            at.ended = option.ends_parse_;
+            has_ended_ = option.ends_parse_;
         } else if (joined != nullptr) {
             *option.value_ = *joined;
-        } else if (at.next < arguments.size()) {
-            *option.value_ = arguments[at.next++];
+        } else if (next_ < arguments_.size()) {
+            *option.value_ = arguments_[next_++];
         } else {
-            at.message = "Expected argument following " + name;
+            message_ = "Expected argument following " + name;
         }
     }
 
     std::string exe_name_;
     std::vector<opt> options_;
+    std::vector<std::string> arguments_;
+    std::size_t next_ = 0; // index of the argument to look at
+    bool has_ended_ = false;
+    std::string message_;
 };
 
 inline cli operator|(cli parser, const opt &option) {
