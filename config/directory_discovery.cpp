@@ -3,23 +3,17 @@
 #include "base/diagnostics.h"
 
 #include <boost/filesystem.hpp>
-#include <cstring>
 
 namespace {
-
-// Why an operation failed, without the paths that the exception's own text carries.
-const char *reason(const std::exception &error) {
-    const auto *known = dynamic_cast<const boost::filesystem::filesystem_error *>(&error);
-    return known == nullptr ? error.what() : strerror(known->code().value());
-}
 
 // Reports the first failure of a build only.
 void make_play_folder(const std::string &play_root, bool &failed) {
     try {
         boost::filesystem::create_directory(play_root);
-    } catch (const std::exception &error) {
+    } catch (const boost::filesystem::filesystem_error &error) {
         if (!failed)
-            diag("Warning: cannot create '%s', %s\n", play_root.c_str(), reason(error));
+            diag("Warning: cannot create '%s', %s\n", play_root.c_str(),
+                 error.code().message().c_str());
         failed = true;
     }
 }
@@ -48,8 +42,9 @@ watch_registry discover_watch_folders(const std::string &upload_root,
             make_play_folder(play_root, play_failed);
             result[name] = std::move(entry);
         }
-    } catch (const std::exception &error) {
-        diag("Warning: cannot list '%s', %s\n", upload_root.c_str(), reason(error));
+    } catch (const boost::filesystem::filesystem_error &error) {
+        diag("Warning: cannot list '%s', %s\n", upload_root.c_str(),
+             error.code().message().c_str());
     }
     return result;
 }

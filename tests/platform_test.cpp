@@ -28,11 +28,9 @@ extern "C" int getrusage(int, rusage *usage) noexcept {
 
 int tables_left = 1000; // of the process file system that can be opened
 
-extern "C" FILE *fdopen(int fd, const char *mode) noexcept {
+extern "C" FILE *fopen(const char *path, const char *mode) {
     errno = ENOMEM;
-    const unique_fd original(tables_left > 0 ? fd : -1);
-    const std::string name = "/proc/self/fd/" + std::to_string(fd);
-    return tables_left-- > 0 ? fopen(name.c_str(), mode) : nullptr;
+    return tables_left-- > 0 ? fopen64(path, mode) : nullptr;
 }
 
 bool first_list_is_empty = false; // of sockets

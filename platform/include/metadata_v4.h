@@ -76,8 +76,8 @@ void metadata_v4_context_destroy(metadata_v4_context *context);
 // On failure (no last component, out of memory) the context has no location.
 int metadata_v4_context_set_file_location(metadata_v4_context *context, const char *path);
 
-// Opens the file in the opened directory with O_PATH, without following a symbolic link. Fails when
-// the directory is another one than that in which the file of this location was first opened.
+// Opens the file in the opened directory with O_PATH, without following a symbolic link. Fails if
+// the open directory is not the one in which this file was first opened.
 int metadata_v4_context_open_the_file(metadata_v4_context *context);
 
 // Opens the directory, the file, as above, and the metadata directory; none may be open.

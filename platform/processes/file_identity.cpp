@@ -1,5 +1,6 @@
 #include "platform/processes/file_identity.h"
 
+#include "base/handles.h"
 #include "platform/processes/proc_tables.h"
 
 #include <fcntl.h>
@@ -21,7 +22,7 @@ bool identify_for_kernel(int fd, file_identity &identity) {
         return false;
     identity = {makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
     // A mount that cannot be reached from the root of a chroot is not listed.
-    const unique_file mounts = open_table(AT_FDCWD, "/proc/self/mountinfo");
+    const unique_file mounts(fopen("/proc/self/mountinfo", "re"));
     return mounts != nullptr &&
            find_device_of_mount(mounts.get(), status.stx_mnt_id, identity.device);
 }

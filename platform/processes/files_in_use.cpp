@@ -7,13 +7,13 @@
 #include <algorithm>
 #include <climits>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <initializer_list>
 #include <iterator>
 #include <linux/magic.h>
+#include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
@@ -36,9 +36,8 @@ constexpr unsigned int remote_file_systems[] = {
 // A second descriptor on the same file, whatever its name leads to by now. A path descriptor cannot
 // carry a lease.
 unique_fd open_for_reading(int path_fd) {
-    char name[32];
-    snprintf(name, sizeof(name), "/proc/self/fd/%d", path_fd);
-    return unique_fd(open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const std::string name = "/proc/self/fd/" + std::to_string(path_fd);
+    return unique_fd(open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
 long times_slept() {

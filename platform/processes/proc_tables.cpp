@@ -1,7 +1,7 @@
 #include "platform/processes/proc_tables.h"
 
+#include <cerrno>
 #include <cinttypes>
-#include <fcntl.h>
 #include <sys/sysmacros.h>
 
 namespace {
@@ -9,14 +9,6 @@ namespace {
 constexpr int line_size = 32 << 10; // longer than the longest, that of a path full of escapes
 
 } // namespace
-
-unique_file open_table(int at, const std::string &name) {
-    unique_fd fd(openat(at, name.c_str(), O_RDONLY | O_CLOEXEC));
-    unique_file table(fd ? fdopen(fd.get(), "r") : nullptr);
-    if (table != nullptr)
-        fd.release();
-    return table;
-}
 
 // "ADDRESSES PERMISSIONS OFFSET MAJOR:MINOR INODE PATH", the device in hexadecimal digits.
 bool maps_file(FILE *table, const file_identity &file, bool is_on_overlay) {

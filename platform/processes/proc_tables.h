@@ -2,18 +2,14 @@
 #ifndef PLATFORM_PROCESSES_PROC_TABLES_H
 #define PLATFORM_PROCESSES_PROC_TABLES_H
 
-#include "base/handles.h"
 #include "platform/processes/file_identity.h"
 
 #include <cstdint>
-#include <string>
+#include <cstdio>
 
-// Opens a table for reading; null with errno.
-unique_file open_table(int at, const std::string &name);
-
-// Does a table of memory mappings (/proc/PID/maps) name the file? True also when it cannot be read,
-// unless the process has ended. For a file on an overlay the same inode number on any device
-// counts: before Linux 6.6 the kernel lists the file below.
+// Does a table of memory mappings (/proc/PID/maps) name the file? True also if reading fails,
+// unless the process has ended. With is_on_overlay, a mapping also counts if its inode matches on
+// any device: before Linux 6.6 the kernel lists the file below the overlay.
 bool maps_file(FILE *table, const file_identity &file, bool is_on_overlay);
 
 // Stores the device of a mounted file system (/proc/PID/mountinfo), if it is listed. False with

@@ -117,9 +117,9 @@ memory look_at_memory(const search &wanted, const std::string &task) {
     // The table waits while its process maps a file, as long as the file system of that one likes.
     if (!wanted.can_be_mapped)
         return memory::without_file;
-    // Anybody may open this table of a task without memory, so a refusal means memory that may not
-    // be looked at. A refusal of exe does not say that.
-    const unique_file mappings = open_table(wanted.proc, task + "/maps");
+    // The kernel lets anybody open maps of a task without memory. A refusal therefore means memory
+    // that we may not see. A refusal of exe can have other causes.
+    const unique_file mappings(fopen(("/proc/" + task + "/maps").c_str(), "re"));
     if (mappings == nullptr) {
         if (!is_refusal(errno))
             return has_ended(errno) ? memory::none : memory::with_file;
