@@ -36,10 +36,10 @@ size_t raise_stack_limit() {
     return limit.rlim_cur;
 }
 
-// Hands a text to the parser line by line. The parser recurses without a bound, a level at most for
-// each "[", "{" or "." that it consumes, and as deep again when it releases the tables. When it
-// asks for a line, the stack tells how deep it stands; the bytes of the line tell how much deeper
-// it may go before it asks for the next one.
+// Hands a text to the parser line by line. The parser recurses without a bound. When it asks for a
+// line, the stack in use tells how deep it stands. Until it asks for the next one it can go only so
+// much deeper: each level consumes one "[", "{" or ".". All of them are counted, also in strings
+// and comments.
 class LineByLine : public std::streambuf {
 public:
     explicit LineByLine(std::istream &file) : file_(file) {}
