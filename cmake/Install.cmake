@@ -8,10 +8,18 @@ configure_file(systemd/directory-mode.conf.in directory-mode.conf @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vel4_watch_folder_service.service
         DESTINATION ${VEL4_SYSTEMD_UNIT_DIR})
 
-install(FILES man/vel4_watch_folder_service.8 man/vel4_watch_folder_check.8
-        DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-install(FILES man/vel4_watch_folder.toml.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
-install(FILES docs/operating.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# The documents name the folder that they and the examples are installed in.
+function(install_document path destination)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${path})
+  file(READ ${path} text)
+  string(REPLACE /usr/share/doc/vel4-watch-folder ${CMAKE_INSTALL_FULL_DOCDIR} text "${text}")
+  file(WRITE ${PROJECT_BINARY_DIR}/installed/${path} "${text}")
+  install(FILES ${PROJECT_BINARY_DIR}/installed/${path} DESTINATION ${destination})
+endfunction()
+install_document(man/vel4_watch_folder_service.8 ${CMAKE_INSTALL_MANDIR}/man8)
+install_document(man/vel4_watch_folder_check.8 ${CMAKE_INSTALL_MANDIR}/man8)
+install_document(man/vel4_watch_folder.toml.5 ${CMAKE_INSTALL_MANDIR}/man5)
+install_document(docs/operating.md ${CMAKE_INSTALL_DOCDIR})
 install(FILES examples/vel4_watch_folder.toml examples/cluster.sh examples/log-filter.awk
         examples/thin-archive examples/thin-archive.service examples/thin-archive.timer
         examples/watch-folder-status examples/watch-folder-status.service
