@@ -12,8 +12,7 @@ shift || true
 [ $# -gt 0 ] || set -- metadata configuration_file command_line
 folder=build-fuzz
 # All else is built with it: for .ci/run this is the build with Clang.
-build_in "$folder" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEL4_FUZZ=ON \
-  -DVEL4_BENCHMARKS=ON
+build_in "$folder" --preset fuzz
 for target in "$@"; do
   found=$folder/corpus/$target
   mkdir -p "$found"

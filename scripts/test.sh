@@ -7,5 +7,5 @@ cd "$(dirname "$(realpath "$0")")/.."
 
 folder=${BUILD_DIR:-build}
 install_packages "${test_packages[@]}"
-build_in "$folder" -DBUILD_TESTING=ON
+build_in "$folder" --preset tests
 ctest --test-dir "$folder" --output-on-failure -j "$(nproc)" "$@"
