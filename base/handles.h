@@ -12,15 +12,15 @@
 #include <unistd.h>
 #include <utility>
 
-class unique_fd {
+class UniqueFd {
 public:
-    explicit unique_fd(int fd) : fd_(fd) {}
-    unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
-    unique_fd &operator=(unique_fd &&other) noexcept {
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    UniqueFd(UniqueFd &&other) noexcept : fd_(other.release()) {}
+    UniqueFd &operator=(UniqueFd &&other) noexcept {
         reset(other.release());
         return *this;
     }
-    ~unique_fd() { reset(); }
+    ~UniqueFd() { reset(); }
 
     explicit operator bool() const { return fd_ >= 0; }
     int get() const { return fd_; }
@@ -45,7 +45,7 @@ template<auto close_stream> struct StreamCloser {
     }
 };
 
-using unique_dir = std::unique_ptr<DIR, StreamCloser<closedir>>;
-using unique_file = std::unique_ptr<FILE, StreamCloser<fclose>>;
+using UniqueDir = std::unique_ptr<DIR, StreamCloser<closedir>>;
+using UniqueFile = std::unique_ptr<FILE, StreamCloser<fclose>>;
 
 #endif

@@ -10,7 +10,7 @@
 // /proc/PID/root. That leads past every permission into the mounts of another process, where a file
 // system of its user may keep the caller waiting for ever. Other links are followed. On a kernel
 // without openat2 magic links are followed too.
-unique_fd open_without_magic_links(int at, const char *path, int flags);
+UniqueFd open_without_magic_links(int at, const char *path, int flags);
 
 // Is the service or the machine short of something at the moment?
 inline bool is_shortage(int error) {

@@ -12,8 +12,8 @@ namespace {
 constexpr char new_name[] = "clip.mxf";
 
 // A target in place and a new file, both with a number of metadata entries.
-struct replacement : work_folder {
-    explicit replacement(int64_t entries) {
+struct Replacement : WorkFolder {
+    explicit Replacement(int64_t entries) {
         for (int64_t i = 1; i < entries; ++i)
             metadata += "key " + std::to_string(i) + "=some value\n";
         metadata += "original filename=morning.mxf\n";
@@ -34,7 +34,7 @@ struct replacement : work_folder {
 };
 
 std::string read_metadata(int metadir) {
-    const unique_fd fd(openat(metadir, "metadata", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd fd(openat(metadir, "metadata", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
     fstat(fd.get(), &status);
     std::string text(static_cast<size_t>(status.st_size) + 1, '\0');
@@ -45,7 +45,7 @@ std::string read_metadata(int metadir) {
 }
 
 void write_metadata(int metadir, const std::string &text) {
-    const unique_fd fd(
+    const UniqueFd fd(
         openat(metadir, ".new", O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     (void)!fchown(fd.get(), 0, 0);
     fchmod(fd.get(), 0644);
@@ -60,12 +60,12 @@ int open_directory(int at, const char *name) {
 }
 
 void bare_delivery(int watch, int target, const char *target_path) {
-    const unique_fd file(openat(target, "news.mxf", O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    unique_fd metadir(open_directory(target, ".news.mxf.metadir"));
+    const UniqueFd file(openat(target, "news.mxf", O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd metadir(open_directory(target, ".news.mxf.metadir"));
     struct stat status {};
     fstatat(metadir.get(), ".media.item.active.socket", &status, AT_SYMLINK_NOFOLLOW);
     mkdirat(target, "ARCHIVE", 0755);
-    unique_fd archive(open_directory(target, "ARCHIVE"));
+    UniqueFd archive(open_directory(target, "ARCHIVE"));
     read_metadata(metadir.get());
     fstatat(archive.get(), "morning.mxf", &status, AT_SYMLINK_NOFOLLOW);
     renameat(target, "news.mxf", archive.get(), "morning.mxf");
@@ -73,15 +73,15 @@ void bare_delivery(int watch, int target, const char *target_path) {
     archive.reset();
     renameat(watch, new_name, target, "news.mxf");
     renameat(watch, ".clip.mxf.metadir", target, ".news.mxf.metadir");
-    const unique_fd reopened(open_directory(AT_FDCWD, target_path));
-    const unique_fd delivered(openat(target, "news.mxf", O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const UniqueFd reopened(open_directory(AT_FDCWD, target_path));
+    const UniqueFd delivered(openat(target, "news.mxf", O_PATH | O_NOFOLLOW | O_CLOEXEC));
     metadir.reset(open_directory(reopened.get(), ".news.mxf.metadir"));
     write_metadata(metadir.get(), read_metadata(metadir.get()));
 }
 
 void delivery_service(benchmark::State &state) {
-    const replacement files(state.range(0));
-    unique_dir watch;
+    const Replacement files(state.range(0));
+    UniqueDir watch;
     std::unique_ptr<ItemContext> target;
     measure_cpu(
         state,
@@ -109,9 +109,9 @@ void write_entry_lines(const std::string &metadata) {
 }
 
 void measure_bare_delivery(benchmark::State &state, bool writes_lines) {
-    const replacement files(state.range(0));
+    const Replacement files(state.range(0));
     const std::string target_path = files.root / "target";
-    unique_fd watch(-1), target(-1);
+    UniqueFd watch(-1), target(-1);
     measure_cpu(
         state,
         [&] {

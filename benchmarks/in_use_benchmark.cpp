@@ -13,8 +13,8 @@
 
 namespace {
 
-struct one_file : work_folder {
-    one_file() { write_text(path, "x"); }
+struct OneFile : WorkFolder {
+    OneFile() { write_text(path, "x"); }
     std::string path = root / "file";
 };
 
@@ -35,14 +35,14 @@ void ask(benchmark::State &state, const std::string &path, int expected) {
 }
 
 void in_use_free(benchmark::State &state) {
-    const one_file file;
+    const OneFile file;
     ask(state, file.path, 0);
 }
 
 void in_use_held(benchmark::State &state) {
     close_range(3, ~0U, 0); // what a service manager starts has no others
-    const one_file file;
-    unique_fd held(open(file.path.c_str(), O_RDONLY | O_CLOEXEC));
+    const OneFile file;
+    UniqueFd held(open(file.path.c_str(), O_RDONLY | O_CLOEXEC));
     const pid_t holder = fork();
     if (holder == 0)
         for (;;)
@@ -54,12 +54,12 @@ void in_use_held(benchmark::State &state) {
 }
 
 void in_use_floor(benchmark::State &state) {
-    const one_file file;
+    const OneFile file;
     measure_cpu(
         state, [] {},
         [&] {
             for (int i = 0; i < answers; ++i) {
-                const unique_fd fd(open(file.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+                const UniqueFd fd(open(file.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
                 fcntl(fd.get(), F_SETSIG, SIGURG);
                 fcntl(fd.get(), F_SETLEASE, F_WRLCK);
                 fcntl(fd.get(), F_SETLEASE, F_UNLCK);
@@ -68,8 +68,8 @@ void in_use_floor(benchmark::State &state) {
 }
 
 void in_use_walk(benchmark::State &state) {
-    const one_file file;
-    const unique_fd fd(open(file.path.c_str(), O_PATH | O_CLOEXEC));
+    const OneFile file;
+    const UniqueFd fd(open(file.path.c_str(), O_PATH | O_CLOEXEC));
     pid_t found = 0;
     measure_cpu(
         state, [] {}, [&] { found = find_process_using_file(fd.get()); });
@@ -85,7 +85,7 @@ double cpu_seconds_of_children() {
 }
 
 void in_use_fuser(benchmark::State &state) {
-    const one_file file;
+    const OneFile file;
     while (state.KeepRunning()) {
         const double start = cpu_seconds_of_children();
         const char *const arguments[] = {"fuser", "-s", file.path.c_str(), nullptr};

@@ -35,14 +35,14 @@ inline void write_text(const fs::path &path, const std::string &text) {
 }
 
 // A new folder under TMPDIR, removed with all that is in it.
-struct work_folder {
-    work_folder() {
+struct WorkFolder {
+    WorkFolder() {
         std::string name = (fs::temp_directory_path() / "watch-folder-benchmark-XXXXXX").string();
         root = fs::canonical(mkdtemp(name.data()));
     }
-    work_folder(const work_folder &) = delete;
-    work_folder &operator=(const work_folder &) = delete;
-    ~work_folder() { fs::remove_all(root); }
+    WorkFolder(const WorkFolder &) = delete;
+    WorkFolder &operator=(const WorkFolder &) = delete;
+    ~WorkFolder() { fs::remove_all(root); }
     fs::path root;
 };
 

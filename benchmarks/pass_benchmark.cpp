@@ -14,8 +14,8 @@
 namespace {
 
 // Fills the registry with entries whose folders hold files that do not match.
-struct idle_folders : work_folder {
-    idle_folders(int64_t entries, int64_t files) {
+struct IdleFolders : WorkFolder {
+    IdleFolders(int64_t entries, int64_t files) {
         main_path = root;
         configuration.clear();
         fs::create_directories(root / "target");
@@ -67,13 +67,13 @@ void bare_scan(const WatchEntry &entry, const char *target_directory) {
 }
 
 void pass_service(benchmark::State &state) {
-    const idle_folders folders(state.range(0), state.range(1));
+    const IdleFolders folders(state.range(0), state.range(1));
     measure_cpu(
         state, [] {}, check_watch_entries);
 }
 
 void pass_floor(benchmark::State &state) {
-    const idle_folders folders(state.range(0), state.range(1));
+    const IdleFolders folders(state.range(0), state.range(1));
     const std::string target = folders.root / "target";
     measure_cpu(
         state, [] {},

@@ -90,7 +90,7 @@ string delivery_text(int watch_fd, const string &file, const ItemContext &target
     struct stat status {};
     const bool makes_archive =
         fstatat(target.dir_fd(), archive_directory, &status, AT_SYMLINK_NOFOLLOW) != 0;
-    const unique_fd archive = makes_archive ? unique_fd(-1) : open_archive(target.dir_fd());
+    const UniqueFd archive = makes_archive ? UniqueFd(-1) : open_archive(target.dir_fd());
     if (!makes_archive && !archive)
         return failure_text("cannot open the ARCHIVE directory", errno);
     if (makes_archive && !may_rename_in(target.dir_fd()))
@@ -109,7 +109,7 @@ string delivery_text(int watch_fd, const string &file, const ItemContext &target
 
 // Sets acts when the entry would change something.
 string outcome(const WatchEntry &entry, bool makes_play, bool &acts) {
-    const unique_dir watch_dir(opendir(entry.watch_path.c_str()));
+    const UniqueDir watch_dir(opendir(entry.watch_path.c_str()));
     if (watch_dir == nullptr)
         return failure_text("cannot open watch path '" + entry.watch_path + "'", errno);
     ItemContext target;

@@ -28,7 +28,7 @@ DirectoryFacts collect_directory_facts(const char *what, const string &path) {
     DirectoryFacts facts;
     facts.configured = path;
     facts.name = what + (" '" + path + "' ");
-    const unique_fd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct statx status {};
     struct statfs system {};
     const bool is_open =

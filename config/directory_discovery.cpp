@@ -20,13 +20,12 @@ void make_play_folder(const std::string &play_root, bool &failed) {
 
 } // namespace
 
-watch_registry build_directory_configuration(const std::string &dir) {
+WatchRegistry build_directory_configuration(const std::string &dir) {
     return discover_watch_folders(dir + "/Upload/", dir + "/Play/");
 }
 
-watch_registry discover_watch_folders(const std::string &upload_root,
-                                      const std::string &play_root) {
-    watch_registry result;
+WatchRegistry discover_watch_folders(const std::string &upload_root, const std::string &play_root) {
+    WatchRegistry result;
     unsigned int n = 0;
     bool play_failed = false;
     try {

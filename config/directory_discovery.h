@@ -11,9 +11,9 @@
 
 // The entries event0, event1, ... for the items of dir's upload folder, whatever their kind, in
 // listing order. Makes the play folder when there is at least one item.
-watch_registry build_directory_configuration(const std::string &dir);
+WatchRegistry build_directory_configuration(const std::string &dir);
 
 // The same for an upload root and a play root, both ending in a slash.
-watch_registry discover_watch_folders(const std::string &upload_root, const std::string &play_root);
+WatchRegistry discover_watch_folders(const std::string &upload_root, const std::string &play_root);
 
 #endif

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-watch_registry configuration;
+WatchRegistry configuration;
 
 void WatchEntry::print(FILE *stream) const {
     FILE *out = stream == nullptr ? stderr : stream;

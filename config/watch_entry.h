@@ -31,9 +31,9 @@ struct WatchEntry {
     bool matches(const std::string &file_name) const { return matches(file_name.c_str()); }
 };
 
-using watch_registry = std::map<std::string, WatchEntry>;
+using WatchRegistry = std::map<std::string, WatchEntry>;
 
 // The entries of the process, visited in the order of their names. Changes only between passes.
-extern watch_registry configuration;
+extern WatchRegistry configuration;
 
 #endif

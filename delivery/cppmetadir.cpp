@@ -10,13 +10,13 @@ namespace {
 
 constexpr size_t longest_path = 4096;
 
-using name_mapping = int (*)(char *buffer, size_t size, const char *path);
+using NameMapping = int (*)(char *buffer, size_t size, const char *path);
 
 // A metadata directory name is at most 12 bytes longer than that of its file.
 constexpr size_t room_for_metadir = 13;
 constexpr size_t room_for_file = 1;
 
-std::string map_name(name_mapping mapping, const char *path, size_t room) {
+std::string map_name(NameMapping mapping, const char *path, size_t room) {
     const size_t length = strlen(path);
     if (length > longest_path)
         return "";

@@ -37,10 +37,10 @@ bool is_refused(const char *name, const ItemContext &target, const WatchEntry &e
     return reason != Refusal::none;
 }
 
-unique_fd make_archive(int target_fd) {
+UniqueFd make_archive(int target_fd) {
     if (mkdirat(target_fd, archive_directory, 0755) != 0 && errno != EEXIST)
         diag("Cannot make ARCHIVE directory, %s\n", strerror(errno));
-    unique_fd archive = open_archive(target_fd);
+    UniqueFd archive = open_archive(target_fd);
     if (!archive)
         diag("Cannot access ARCHIVE directory, %s\n", strerror(errno));
     return archive;
@@ -95,8 +95,8 @@ Refusal why_refused(const char *name, const ItemContext &target, const WatchEntr
     return is_path_in_use(entry.watch_path + "/" + name) ? Refusal::source_in_use : Refusal::none;
 }
 
-unique_fd open_archive(int target_fd) {
-    unique_fd archive =
+UniqueFd open_archive(int target_fd) {
+    UniqueFd archive =
         open_without_magic_links(target_fd, archive_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     // It may be a link, made by anybody who can write beside the target.
     if (archive && !is_directory_under_main_path(archive.get())) {
@@ -112,7 +112,7 @@ void deliver_file(DIR *watch_dir, const char *name, ItemContext &target, const W
     if (!is_location_complete(target) || is_refused(name, target, entry))
         return;
     diag("Checking found file '%s' to replace '%s'\n", name, entry.target_file.c_str());
-    unique_fd archive = make_archive(target.dir_fd());
+    UniqueFd archive = make_archive(target.dir_fd());
     if (!archive)
         return;
     // All names first: should memory run out, it does so before anything has moved.

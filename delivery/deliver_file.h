@@ -12,7 +12,7 @@ constexpr char archive_directory[] = "ARCHIVE";
 
 // Opens the archive directory beside the target. One that a link leads out of the main storage is
 // not used: EXDEV. A failure leaves errno.
-unique_fd open_archive(int target_fd);
+UniqueFd open_archive(int target_fd);
 
 // Why a file waits.
 enum class Refusal { none, running, target_in_use, source_in_use };

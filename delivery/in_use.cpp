@@ -13,8 +13,7 @@ constexpr char marker[] = ".media.item.active.socket";
 
 bool is_served_socket(const char *path) {
     struct stat status {};
-    const unique_fd file =
-        open_without_magic_links(AT_FDCWD, path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    const UniqueFd file = open_without_magic_links(AT_FDCWD, path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (!file)
         return is_shortage(errno);
     return fstat(file.get(), &status) == 0 && S_ISSOCK(status.st_mode) &&

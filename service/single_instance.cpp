@@ -22,7 +22,7 @@ bool service_already_running() {
 }
 
 bool write_pid_file() {
-    const unique_file file(fopen(pid_file_path.c_str(), "w"));
+    const UniqueFile file(fopen(pid_file_path.c_str(), "w"));
     if (file == nullptr) {
         diag("Unable to write PID file %s\n", pid_file_path.c_str());
         return false;

@@ -25,7 +25,7 @@ string output_for(const Row &row) {
                     {"Play", "-> nowhere"}});
     main_path = row.text.empty() ? "" : fs::current_path();
     configuration.clear();
-    const file_tree before = tree_of(".");
+    const FileTree before = tree_of(".");
     bool good = false;
     string output = output_of([&] { good = check(row.options); });
     EXPECT_EQ(tree_of("."), before);
@@ -59,20 +59,20 @@ const Row rows[] = {
 };
 
 const bool registered = register_rows("Mistake", rows, [](const Row &row) {
-    const temporary_tree tree;
-    EXPECT_TRUE(has(output_for(row), row.line)) << "It lacks: " << row.line;
+    const TemporaryTree tree;
+    EXPECT_TRUE(has(output_for(row), row.line));
 });
 
 // The announcement of a pass, and what the pass then makes of it.
 TEST(Check, DryRunSaysWhatThePassDoes) {
-    const temporary_tree tree;
-    const string text = entry("event1", "Upload", "n", "out/t") +
-                        entry("event2", "other", "a", "out/t") +
-                        entry("event3", "Upload", "m$", "out/u");
-    EXPECT_TRUE(has(output_for({"", text, "", {"", "f.toml", false, true}}),
-                    "Entry 'event1': would deliver 'n.mxf', and archive 't' as 'was.mxf'\n"
-                    "Entry 'event2': would deliver 'a.mxf', and archive 't' as 'n.mxf'\n"
-                    "Entry 'event3': nothing to deliver\n"));
+    const TemporaryTree tree;
+    const string text = entry("event0", "other", "zzz", "other/a") +
+                        entry("event1", "Upload", "n", "out/t") +
+                        entry("event2", "other", "a", "out/t");
+    const string output = output_for({"", text, "", {"", "f.toml", false, true}});
+    EXPECT_TRUE(has(output, "'event0': nothing to deliver; 1 files that no pattern matches, such "
+                            "as 'a.mxf'\nEntry 'event1': would deliver 'n.mxf', and archive 't' as "
+                            "'was.mxf'\nEntry 'event2': depends on entry 'event1'\n"));
     output_of(check_watch_entries);
-    EXPECT_EQ(read_file("out/t") + read_file("out/ARCHIVE/n.mxf"), "1new");
+    EXPECT_EQ(read_file("out/ARCHIVE/was.mxf") + read_file("out/ARCHIVE/n.mxf"), "oldnew");
 }

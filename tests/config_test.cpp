@@ -29,7 +29,7 @@ constexpr size_t fits = 41900, is_too_deep = 100000; // levels
 
 // In a file '@' stands for the lines of both paths. The line is part of what the loader prints, the
 // entries are those of the registry afterwards.
-const struct load_case {
+const struct LoadCase {
     const char *name;
     std::string file, line, entries = {};
 } load_cases[] = {
@@ -61,10 +61,10 @@ const struct load_case {
     {"KeyTooDeep", "a" + repeat(".a", is_too_deep) + "=1", too_deep},
 };
 
-void check_load(const load_case &row) {
+void check_load(const LoadCase &row) {
     const std::string paths = "'watch path' = 'w'\n'target file' = 't'\n";
-    const temporary_tree tree{{"c.toml", std::regex_replace(row.file, std::regex("@"), paths)},
-                              {"good", "[event]\n" + paths}};
+    const TemporaryTree tree{{"c.toml", std::regex_replace(row.file, std::regex("@"), paths)},
+                             {"good", "[event]\n" + paths}};
     mkfifo("fifo", 0600); // with nobody who writes: an open would wait for ever
     configuration_path = row.file.empty() ? "gone" : "c.toml";
     configuration.clear();
@@ -81,7 +81,7 @@ TEST(Load, TakesTwentyThousandPatternsAndSections) {
                        repeat("'^news[0-9]_12\\.mxf$', ", 20000) + "]\n" + paths;
     for (int i = 0; i < 20000; ++i)
         file += "['event" + std::to_string(i) + "']\n'match pattern' = '[.]mxf$'\n" + paths;
-    const temporary_tree tree{{"c.toml", file}};
+    const TemporaryTree tree{{"c.toml", file}};
     configuration_path = "c.toml";
     configuration.clear();
     output_of([] { (void)try_load_configuration(); });
@@ -95,8 +95,8 @@ TEST(Regex, ALetterThatIsNoEscapeStandsForItself) {
 
 // The matcher recurses. The loader has seen to its stack.
 TEST(Regex, APatternThatRecursesDeepEndsNothing) {
-    const temporary_tree tree{{"c.toml", "[event]\n'watch path' = 'w'\n'target file' = 't'\n"
-                                         "'match pattern' = '^(.(?:x?\?){500}(?1)?)!$'"}};
+    const TemporaryTree tree{{"c.toml", "[event]\n'watch path' = 'w'\n'target file' = 't'\n"
+                                        "'match pattern' = '^(.(?:x?\?){500}(?1)?)!$'"}};
     configuration_path = "c.toml";
     configuration.clear();
     output_of([] { (void)try_load_configuration(); });
@@ -104,7 +104,7 @@ TEST(Regex, APatternThatRecursesDeepEndsNothing) {
 }
 
 TEST(Discovery, EveryItemIsAnEntry) {
-    const temporary_tree tree{
+    const TemporaryTree tree{
         {"a/Upload/", ""}, {"b/Upload/.x/y", ""}, {"c/Upload/z", ""}, {"c/Play", "x"}};
     const std::string lines = output_of([] {
         for (const char *dir : {"gone", "a", "c", "b"})

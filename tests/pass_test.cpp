@@ -12,10 +12,10 @@
 #include <sys/syscall.h>
 #include <sys/xattr.h>
 
-void (*meanwhile)() = [] {};         // between the opening of ARCHIVE and the moves
-void (*before_new_file)() = [] {};   // between the archiving and the move of the new file
-std::string refused;                 // a call of which the file system knows nothing
-std::optional<child_process> lessee; // of metadata
+void (*meanwhile)() = [] {};        // between the opening of ARCHIVE and the moves
+void (*before_new_file)() = [] {};  // between the archiving and the move of the new file
+std::string refused;                // a call of which the file system knows nothing
+std::optional<ChildProcess> lessee; // of metadata
 
 // The clocks of the archive suffix stand still.
 uint64_t monotonic_clock_us(void) {
@@ -54,14 +54,14 @@ const std::string marker = "play/.t.metadir/.media.item.active.socket";
 const std::string left_over = "watch/.n.metadir/.metadata.new";
 
 // An old item in place and a new one that waits.
-file_tree old_and_new(file_tree more = {}) {
+FileTree old_and_new(FileTree more = {}) {
     more.insert({{"play/t", "old"}, {"watch/n", "new"}});
     return more;
 }
 
 // The same with the new item in place and the old one in the archive, under a name.
-file_tree delivered(const file_tree &before, const std::string &name, const std::string &metadata) {
-    file_tree after = {{"watch/", ""}, {meta, metadata}};
+FileTree delivered(const FileTree &before, const std::string &name, const std::string &metadata) {
+    FileTree after = {{"watch/", ""}, {meta, metadata}};
     const std::pair<std::string, std::string> moves[] = {
         {"play/t", "play/ARCHIVE/" + name},
         {"play/.t.metadir", "play/ARCHIVE/." + name + ".metadir"},
@@ -78,21 +78,21 @@ file_tree delivered(const file_tree &before, const std::string &name, const std:
     return after;
 }
 
-const file_tree outside = {{"metadata", "canary=\n"}, {".media.item.active.socket", ""}};
+const FileTree outside = {{"metadata", "canary=\n"}, {".media.item.active.socket", ""}};
 
 // Its main storage is the working folder, and the lines name paths in it. Beside that is a folder
 // in which nothing may change.
-struct storage : temporary_tree {
-    explicit storage(const file_tree &files) {
+struct Storage : TemporaryTree {
+    explicit Storage(const FileTree &files) {
         make_tree("canary", outside);
         fs::create_symlink("served", "link");
         make_tree("main", files);
         fs::current_path("main");
         main_path = fs::current_path();
     }
-    const unique_fd served = bound_socket("served", SOCK_DGRAM);
-    const unique_fd idle = bound_socket("idle", SOCK_STREAM);
-    ~storage() { EXPECT_EQ(tree_of("../canary"), outside); }
+    const UniqueFd served = bound_socket("served", SOCK_DGRAM);
+    const UniqueFd idle = bound_socket("idle", SOCK_STREAM);
+    ~Storage() { EXPECT_EQ(tree_of("../canary"), outside); }
     // A pass with one entry.
     std::string pass(const std::string &watch = "watch", const std::string &target = "play/t",
                      const char *pattern = "") const {
@@ -105,9 +105,9 @@ struct storage : temporary_tree {
 };
 
 // Paths, each followed by its content.
-template<typename... Texts> file_tree files(const Texts &...texts) {
+template<typename... Texts> FileTree files(const Texts &...texts) {
     const std::vector<std::string> all = {texts...};
-    file_tree tree;
+    FileTree tree;
     for (size_t i = 0; i < all.size(); i += 2)
         tree[all[i]] = all[i + 1];
     return tree;
@@ -115,14 +115,14 @@ template<typename... Texts> file_tree files(const Texts &...texts) {
 
 const std::string not_acting = "File 'play/t' is running, not acting\n";
 
-const struct delivery_case {
+const struct DeliveryCase {
     const char *name;
-    file_tree more; // besides an old and a new item
+    FileTree more; // besides an old and a new item
     std::string line;
     std::string archived = {}; // the name in ARCHIVE; empty: nothing is moved, or as told below
     std::string metadata = named + "n\n";
     void (*before_the_moves)() = [] {}; // what somebody else does then
-    file_tree after = {};
+    FileTree after = {};
 } delivery_cases[] = {
     {"WithMetadata",
      files(meta, named + "x\n\na\\=b\\\\=c\\n\\\\\\t\n=\n" + named + "m\n", left_over, "by a crash",
@@ -169,9 +169,9 @@ const struct delivery_case {
      files("play/t", "theirs", "was/t", "new", "was/ARCHIVE/t" + suffix, "old", "watch/", "")},
 };
 
-void check_delivery(const delivery_case &row) {
-    const file_tree before = old_and_new(row.more);
-    const storage tree(before);
+void check_delivery(const DeliveryCase &row) {
+    const FileTree before = old_and_new(row.more);
+    const Storage tree(before);
     meanwhile = row.before_the_moves;
     refused.clear();
     EXPECT_TRUE(has(tree.pass(), row.line));
@@ -181,7 +181,7 @@ void check_delivery(const delivery_case &row) {
 }
 
 // The storage has "link", which leads to a folder beside it. A file waits in each.
-const struct scan_case {
+const struct ScanCase {
     const char *name, *watch, *target, *lines;
 } scan_cases[] = {
     {"IntoOneFolder", "link/../main/watch", "watch/t", "target realpath: watch\nChecking found"},
@@ -193,14 +193,14 @@ const struct scan_case {
     {"NoWatchFolder", "gone", "play/t", "* cannot scan directory, No such file or directory\n"},
 };
 
-void check_scan(const scan_case &row) {
-    const storage tree(
+void check_scan(const ScanCase &row) {
+    const Storage tree(
         {{"watch/f", ""}, {"f", ""}, {"play/t", ""}, {"link", "-> ../mainx"}, {"../mainx/f", ""}});
     EXPECT_TRUE(has(tree.pass(row.watch, row.target), row.lines));
     EXPECT_EQ(fs::exists("watch/f") && fs::exists("../mainx/f"), row.name != scan_cases[0].name);
 }
 
-const struct planted_kind {
+const struct PlantedKind {
     const char *name;
     void (*plant)(const fs::path &at, const fs::path &canary);
 } kinds[] = {
@@ -221,8 +221,8 @@ const std::string places[] = {"play/t",  "play/.t.metadir",        meta,
 
 // Puts something planted in the place of what is there, but reaches nothing through what was
 // planted before.
-void plant(const planted_kind &kind, const fs::path &place) {
-    const unique_fd parent(open(place.parent_path().c_str(), O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+void plant(const PlantedKind &kind, const fs::path &place) {
+    const UniqueFd parent(open(place.parent_path().c_str(), O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!parent)
         return;
     const fs::path fresh = main_path + "/../fresh", name = place.filename();
@@ -235,10 +235,10 @@ void plant(const planted_kind &kind, const fs::path &place) {
     while (failed);
 }
 
-void check_kind(const planted_kind &kind) {
+void check_kind(const PlantedKind &kind) {
     for (const std::string &place : places) {
         SCOPED_TRACE(place);
-        const storage tree(old_and_new(
+        const Storage tree(old_and_new(
             {{"play/ARCHIVE/x", ""}, {"watch/.n.metadir/x", ""}, {meta, named + "m\n"}}));
         plant(kind, place);
         bool waits = place.find("metadir") == std::string::npos || place.find("ARCHIVE") == 5;
@@ -274,7 +274,7 @@ const std::string list("\2\0\0\0\1\0\6\0\377\377\377\377\2\0\6\0\351\3\0\0"
                        44);
 
 TEST(Delivery, RightsAreKeptOrTakenFromTheMediaFile) {
-    const storage tree(old_and_new({{"watch/.n.metadir/metadata", ""}}));
+    const Storage tree(old_and_new({{"watch/.n.metadir/metadata", ""}}));
     const bool is_root = chown("watch/.n.metadir/metadata", 56, 78) == 0;
     chmod("watch/.n.metadir/metadata", 0604);
     setxattr("watch/.n.metadir/metadata", "user.rating", "18", 2, 0);
@@ -301,9 +301,9 @@ TEST(Delivery, RightsAreKeptOrTakenFromTheMediaFile) {
 }
 
 TEST(Scan, PicksOneRegularVisibleMatchingFile) {
-    const file_tree never_taken = {
+    const FileTree never_taken = {
         {".a", ""}, {"b", "no match"}, {"a-folder/", ""}, {"a-link", "-> ../play/t"}};
-    const storage tree({{"play/t", ""}, {"watch/a1", "1"}, {"watch/a2", "2"}});
+    const Storage tree({{"play/t", ""}, {"watch/a1", "1"}, {"watch/a2", "2"}});
     make_tree("watch", never_taken);
     for (const int left : {1, 0, 0}) {
         tree.pass("watch", "play/t", "^[.A]");
@@ -316,14 +316,14 @@ TEST(Planted, RandomSwapsUnderPasses) {
     const char *wanted = getenv("PLANTED_SWAPS");
     long swaps = wanted == nullptr ? 2000 : strtol(wanted, nullptr, 10);
     std::mt19937 dice(1);
-    const storage tree(file_tree{{"play/", ""}});
+    const Storage tree(FileTree{{"play/", ""}});
     const auto swap = [&] {
         if (swaps-- <= 0)
             _exit(0);
         write_file("watch/" + std::to_string(swaps % 3), "media");
         plant(kinds[dice() % std::size(kinds)], places[dice() % std::size(places)]);
     };
-    const child_process writer([] {}, swap);
+    const ChildProcess writer([] {}, swap);
     while (writer.status(WNOHANG) < 0)
         tree.pass();
     EXPECT_EQ(writer.status(), 0);

@@ -10,7 +10,7 @@
 #include <sys/syscall.h>
 #include <thread>
 
-std::optional<child_process> short_holder;
+std::optional<ChildProcess> short_holder;
 bool openings_sleep = false;
 
 // Between two tries to take a lease.
@@ -42,20 +42,20 @@ extern "C" ssize_t send(int fd, const void *request, size_t size, int flags) {
     return sendto(fd, sent.data(), size, flags, nullptr, 0);
 }
 
-using answer = std::pair<int, pid_t>;
+using Answer = std::pair<int, pid_t>;
 
-answer ask(const std::string &file, unsigned int flags = 0) {
+Answer ask(const std::string &file, unsigned int flags = 0) {
     procfs_path_in_use_info info{-1};
     const int result = procfs_path_in_use(file.c_str(), &info, 1, flags);
     return {result, info.pid};
 }
 
 void open_it(const char *file) {
-    fcntl(unique_fd(open(file, O_WRONLY)).get(), F_DUPFD_CLOEXEC, 100);
+    fcntl(UniqueFd(open(file, O_WRONLY)).get(), F_DUPFD_CLOEXEC, 100);
 }
 
 void map_it(const char *file) {
-    (void)mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, unique_fd(open(file, O_RDONLY)).get(), 0);
+    (void)mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, UniqueFd(open(file, O_RDONLY)).get(), 0);
 }
 
 // Another thread holds the file. The parent is told when the first thread has ended.
@@ -71,7 +71,7 @@ template<void (*hold)(const char *)> void outlive_first_thread(const char *file)
     syscall(SYS_exit, 0);
 }
 
-const struct way_to_hold {
+const struct WayToHold {
     const char *name;
     void (*hold)(const char *file);
     int is_use = 1;
@@ -85,18 +85,18 @@ const struct way_to_hold {
 };
 
 // The file is held by one of its names and asked about by a link to the other.
-void expect_answers(const way_to_hold &way) {
-    const temporary_tree tree{{"soft", "-> file"}};
+void expect_answers(const WayToHold &way) {
+    const TemporaryTree tree{{"soft", "-> file"}};
     fs::copy_file("/bin/sleep", "file");
     fs::create_hard_link("file", "hard");
-    std::optional<child_process> holder([&] { way.hold("hard"); });
+    std::optional<ChildProcess> holder([&] { way.hold("hard"); });
     EXPECT_EQ(ask("soft").first, way.is_use);
-    EXPECT_EQ(ask("soft", PROCFS_FIND_HOLDER), answer(way.is_use, way.is_use * holder->pid));
+    EXPECT_EQ(ask("soft", PROCFS_FIND_HOLDER), Answer(way.is_use, way.is_use * holder->pid));
     EXPECT_EQ(ask("/proc/self/cwd/soft").first, 0) << "through a magic link";
-    const unique_fd own(open("hard", O_RDONLY | O_CLOEXEC));
+    const UniqueFd own(open("hard", O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(ask("soft").first, way.is_use) << "where the service has it open too";
     holder.reset();
-    EXPECT_EQ(ask("soft"), answer(0, 0)) << "where only the service has it open";
+    EXPECT_EQ(ask("soft"), Answer(0, 0)) << "where only the service has it open";
 }
 
 const bool registered = register_rows("InUse", ways, expect_answers);
@@ -106,8 +106,8 @@ const bool registered = register_rows("InUse", ways, expect_answers);
 TEST(SocketServer, ListensOrHasADatagramSocket) {
     for (const auto &row :
          {std::pair(SOCK_STREAM, true), {SOCK_DGRAM, true}, {SOCK_STREAM, false}}) {
-        const temporary_tree tree{{"folder/", ""}};
-        const child_process server([&] {
+        const TemporaryTree tree{{"folder/", ""}};
+        const ChildProcess server([&] {
             const int fd = bound_socket("folder/socket", row.first).release();
             if (row.second)
                 listen(fd, 1); // fails for datagrams, which need none
@@ -123,10 +123,10 @@ TEST(SocketServer, ListensOrHasADatagramSocket) {
 
 // Of what cannot be mapped no mappings are read, only the list of mounts.
 TEST(Shortage, OfMemoryForTheListOfMountsCountsAsServedAndAsInUse) {
-    const temporary_tree tree;
+    const TemporaryTree tree;
     for (const int left : {1, 0}) {
         tables_left = left;
-        EXPECT_EQ(ask("."), answer(1 - left, 0));
+        EXPECT_EQ(ask("."), Answer(1 - left, 0));
     }
     EXPECT_EQ(get_socket_server_pid(".", SOCKET_SERVER_NO_PID), 0);
     tables_left = 1000;
@@ -134,12 +134,12 @@ TEST(Shortage, OfMemoryForTheListOfMountsCountsAsServedAndAsInUse) {
 
 TEST(InUse, NotWhereAPathLeadsToNoFile) {
     for (const std::string &path : {std::string("/etc/passwd/x"), std::string(300, 'n')})
-        EXPECT_EQ(ask(path), answer(0, 0)) << path;
+        EXPECT_EQ(ask(path), Answer(0, 0)) << path;
     EXPECT_EQ(ask(std::string(5000, '/') + "etc/passwd").first, 1) << "too long to be asked about";
 }
 
 TEST(InUse, NotWhenAScannerHasLetGo) {
-    const temporary_tree tree{{"file", ""}};
+    const TemporaryTree tree{{"file", ""}};
     short_holder.emplace([] { open_it("file"); });
     EXPECT_EQ(ask("file").first, 1) << "the opening did not wait for a scanner";
     openings_sleep = true;
@@ -147,8 +147,8 @@ TEST(InUse, NotWhenAScannerHasLetGo) {
 }
 
 TEST(InUse, AnOpenerThatBreaksTheLeaseEndsNothing) {
-    const temporary_tree tree{{"file", ""}};
-    const child_process opener([] {}, [] { close(open("file", O_RDONLY | O_CLOEXEC)); });
+    const TemporaryTree tree{{"file", ""}};
+    const ChildProcess opener([] {}, [] { close(open("file", O_RDONLY | O_CLOEXEC)); });
     for (int leases = 0; leases < 20000;)
         leases += 1 - ask("file").first;
 }
@@ -157,7 +157,7 @@ TEST(InUse, AnOpenerThatBreaksTheLeaseEndsNothing) {
 TEST(ProcTables, MappingsOnAnOverlayAreTheFilesByInode) {
     for (const bool is_on_overlay : {true, false}) {
         char line[] = "7f-80 r--p 00 fe:1b 4711    /a\n";
-        const unique_file table(fmemopen(line, sizeof(line) - 1, "r"));
+        const UniqueFile table(fmemopen(line, sizeof(line) - 1, "r"));
         EXPECT_EQ(maps_file(table.get(), {0xfe1a, 4711}, is_on_overlay), is_on_overlay);
     }
 }

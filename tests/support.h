@@ -23,8 +23,8 @@
 
 namespace fs = std::filesystem;
 
-struct row_test : testing::Test {
-    explicit row_test(std::function<void()> check) : check_row(std::move(check)) {}
+struct RowTest : testing::Test {
+    explicit RowTest(std::function<void()> check) : check_row(std::move(check)) {}
     void TestBody() override { check_row(); }
     std::function<void()> check_row;
 };
@@ -32,11 +32,12 @@ struct row_test : testing::Test {
 // A test for each row of an array, listed and run alone under the row's name.
 template<typename Rows, typename Check>
 bool register_rows(const char *suite, const Rows &rows, Check check) {
-    for (const auto &row : rows)
-        testing::RegisterTest(suite, row.name, nullptr, nullptr, __FILE__, __LINE__,
-                              [&row, check]() -> testing::Test * {
-                                  return new row_test([&row, check] { check(row); });
-                              });
+    for (const auto &row : rows) {
+        const auto make = [&row, check]() -> testing::Test * {
+            return new RowTest([&row, check] { check(row); });
+        };
+        testing::RegisterTest(suite, row.name, nullptr, nullptr, __FILE__, __LINE__, make);
+    }
     return true;
 }
 
@@ -55,20 +56,23 @@ inline void write_file(const fs::path &path, const std::string &text) {
         std::ofstream(path, std::ios::binary) << text;
 }
 
+// Is the part in the text? Prints both; a long text would hide the part.
 inline testing::AssertionResult has(const std::string &text, const std::string &part) {
-    return testing::AssertionResult(text.find(part) != std::string::npos) << text;
+    return testing::AssertionResult(text.find(part) != std::string::npos) << "looked for:\n"
+                                                                          << part << "\nin:\n"
+                                                                          << text.substr(0, 2000);
 }
 
 // Paths with their contents, as write_file() takes them.
-using file_tree = std::map<std::string, std::string>;
+using FileTree = std::map<std::string, std::string>;
 
-inline void make_tree(const fs::path &root, const file_tree &files) {
+inline void make_tree(const fs::path &root, const FileTree &files) {
     for (const auto &[name, text] : files)
         write_file(root / name, text);
 }
 
-inline file_tree tree_of(const fs::path &root) {
-    file_tree files;
+inline FileTree tree_of(const fs::path &root) {
+    FileTree files;
     for (const auto &item : fs::recursive_directory_iterator(root)) {
         const std::string name = item.path().lexically_relative(root);
         if (item.is_symlink())
@@ -82,14 +86,14 @@ inline file_tree tree_of(const fs::path &root) {
 }
 
 // A new folder, which becomes the working folder, removed with all that is in it.
-struct temporary_tree {
-    explicit temporary_tree(std::initializer_list<file_tree::value_type> files = {}) {
+struct TemporaryTree {
+    explicit TemporaryTree(std::initializer_list<FileTree::value_type> files = {}) {
         std::string name = (fs::temp_directory_path() / "watch-folder-test-XXXXXX").string();
         root = fs::canonical(mkdtemp(name.data()));
         fs::current_path(root);
         make_tree(".", files);
     }
-    ~temporary_tree() { fs::remove_all(root); }
+    ~TemporaryTree() { fs::remove_all(root); }
     fs::path root;
 };
 
@@ -99,7 +103,7 @@ inline auto open_descriptors() {
 
 // Returns what a function writes to a descriptor. The function must leave none open.
 template<typename Run> std::string output_of(Run run, int fd = STDERR_FILENO) {
-    const unique_fd saved(dup(fd)), memory(memfd_create("output", MFD_CLOEXEC));
+    const UniqueFd saved(dup(fd)), memory(memfd_create("output", MFD_CLOEXEC));
     fflush(nullptr);
     dup2(memory.get(), fd);
     const auto before = open_descriptors();
@@ -111,8 +115,8 @@ template<typename Run> std::string output_of(Run run, int fd = STDERR_FILENO) {
 }
 
 // A socket that is bound to a name. Nobody listens yet.
-inline unique_fd bound_socket(const std::string &path, int type) {
-    unique_fd fd(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+inline UniqueFd bound_socket(const std::string &path, int type) {
+    UniqueFd fd(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
     sockaddr_un address{AF_UNIX, ""};
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
     EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
@@ -121,12 +125,12 @@ inline unique_fd bound_socket(const std::string &path, int type) {
 
 // A child that runs `start`, which may execute a program, and then `then` again and again until it
 // is destroyed.
-struct child_process {
+struct ChildProcess {
     template<typename Start, typename Then = int (*)()>
-    explicit child_process(Start start, Then then = pause) {
+    explicit ChildProcess(Start start, Then then = pause) {
         int ready[2] = {-1, -1};
         EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
-        const unique_fd reader(ready[0]);
+        const UniqueFd reader(ready[0]);
         if ((pid = fork()) < 0)
             abort(); // kill(-1) would reach every process
         if (pid == 0) {
@@ -141,7 +145,7 @@ struct child_process {
         close(ready[1]);
         EXPECT_EQ(read(ready[0], ready, 1), 0); // start() has returned, or executes, or has ended
     }
-    ~child_process() {
+    ~ChildProcess() {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }

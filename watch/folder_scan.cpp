@@ -55,7 +55,7 @@ bool directories_validate(DIR *watch_dir, const ItemContext &target) {
 void check_watch_folder(const WatchEntry &entry) {
     diag("Checking '%s' in '%s'\n", entry.name.c_str(), entry.watch_path.c_str());
     diag("  if new entries replace '%s'\n", entry.target_file.c_str());
-    unique_dir watch_dir(opendir(entry.watch_path.c_str()));
+    UniqueDir watch_dir(opendir(entry.watch_path.c_str()));
     if (watch_dir == nullptr) {
         diag("* cannot scan directory, %s\n", strerror(errno));
         return;

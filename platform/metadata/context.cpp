@@ -13,7 +13,7 @@
 namespace {
 
 void close_one(int32_t &fd) {
-    unique_fd(std::exchange(fd, -1)).reset();
+    UniqueFd(std::exchange(fd, -1)).reset();
 }
 
 // Is the opened directory the one that the file of this location was first opened in? Links on the

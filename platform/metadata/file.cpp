@@ -41,18 +41,18 @@ bool write_all(int fd, const std::string &text) {
 }
 
 // Creates a file that nobody else had a hand in, in place of what a crash left.
-unique_fd create_temporary(int metadir_fd) {
+UniqueFd create_temporary(int metadir_fd) {
     unlinkat(metadir_fd, temporary_name, 0);
-    return unique_fd(openat(metadir_fd, temporary_name,
-                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    return UniqueFd(openat(metadir_fd, temporary_name,
+                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
 // An opening is refused while somebody else, a file server say, has a lease on the file. The kernel
 // then asks for it back.
-unique_fd open_metadata(int metadir_fd) {
+UniqueFd open_metadata(int metadir_fd) {
     for (int refusals = 0;; ++refusals) {
-        unique_fd file(openat(metadir_fd, metadata_name,
-                              O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        UniqueFd file(openat(metadir_fd, metadata_name,
+                             O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
         if (file || errno != EWOULDBLOCK || refusals == 3)
             return file;
         const timespec wait{0, 10000000};
@@ -78,7 +78,7 @@ bool copy_attributes(int from, int to) {
 
 // Gives the new file the rights of the old one. Where there is none, it is readable to whom the
 // directory is. What may not be changed stays as it is.
-bool set_access(int fd, int metadir_fd, const unique_fd &old_file) {
+bool set_access(int fd, int metadir_fd, const UniqueFd &old_file) {
     struct stat model {};
     struct stat status {};
     if (fstat(old_file ? old_file.get() : metadir_fd, &model) != 0 || fstat(fd, &status) != 0)
@@ -96,7 +96,7 @@ bool set_access(int fd, int metadir_fd, const unique_fd &old_file) {
 
 } // namespace
 
-bool read_metadata_file(int metadir_fd, unique_fd &file, std::string &text) {
+bool read_metadata_file(int metadir_fd, UniqueFd &file, std::string &text) {
     file = open_metadata(metadir_fd);
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0)
@@ -104,10 +104,10 @@ bool read_metadata_file(int metadir_fd, unique_fd &file, std::string &text) {
     return S_ISREG(status.st_mode) ? read_all(file.get(), text) : fail(EINVAL);
 }
 
-bool replace_metadata_file(int metadir_fd, const unique_fd &old_file, const std::string &text) {
+bool replace_metadata_file(int metadir_fd, const UniqueFd &old_file, const std::string &text) {
     if (text.size() > metadata_size_limit)
         return false; // it could never be read again
-    const unique_fd fd = create_temporary(metadir_fd);
+    const UniqueFd fd = create_temporary(metadir_fd);
     if (!fd)
         return false;
     if (!set_access(fd.get(), metadir_fd, old_file) || !write_all(fd.get(), text) ||

@@ -8,17 +8,17 @@
 
 namespace {
 
-struct stored_list : metadata_v4_metadata_context {
-    stored_list() : metadata_v4_metadata_context{} { descriptor = -1; }
+struct StoredList : metadata_v4_metadata_context {
+    StoredList() : metadata_v4_metadata_context{} { descriptor = -1; }
     std::vector<std::string> lines;
     uint64_t index = 0; // of the entry that was read last
     metadata_v4_metadata_entry entry{};
     std::string entry_texts;
-    unique_fd file{-1}; // which the entries were read from
+    UniqueFd file{-1}; // which the entries were read from
 };
 
-stored_list &stored(metadata_v4_metadata_context *list) {
-    return *static_cast<stored_list *>(list);
+StoredList &stored(metadata_v4_metadata_context *list) {
+    return *static_cast<StoredList *>(list);
 }
 
 // What the library throws for lack of memory ends here: the interface is C. A list that lost a
@@ -35,17 +35,17 @@ template<typename Action> int guarded(metadata_v4_metadata_context *list, Action
 } // namespace
 
 metadata_v4_metadata_context *metadata_v4_metadata_context_create(void) {
-    return new (std::nothrow) stored_list;
+    return new (std::nothrow) StoredList;
 }
 
 void metadata_v4_metadata_context_destroy(metadata_v4_metadata_context *list) {
-    delete static_cast<stored_list *>(list);
+    delete static_cast<StoredList *>(list);
 }
 
 int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_context *list,
                                                          metadata_v4_context *context,
                                                          int for_writing, void * /*reserved*/) {
-    stored(list) = stored_list();
+    stored(list) = StoredList();
     return guarded(list, [&] {
         std::string raw;
         if (!read_metadata_file(context->metadir_fd, stored(list).file, raw) &&
@@ -72,7 +72,7 @@ int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_con
 
 metadata_v4_metadata_entry *
 metadata_v4_metadata_context_read_entry(metadata_v4_metadata_context *list, uint64_t index) {
-    stored_list &self = stored(list);
+    StoredList &self = stored(list);
     if (index >= list->entry_count)
         return nullptr;
     self.index = index;

@@ -14,12 +14,12 @@ bool is_file_name(std::string_view name) {
 }
 
 // The directory part of a path with its slash, and what follows.
-struct split_path {
+struct SplitPath {
     std::string_view directory;
     std::string_view name;
 };
 
-split_path split(std::string_view path) {
+SplitPath split(std::string_view path) {
     const size_t start = path.rfind('/') + 1; // 0 without a slash
     return {path.substr(0, start), path.substr(start)};
 }

@@ -20,7 +20,7 @@
 
 namespace {
 
-enum class lease_answer {
+enum class LeaseAnswer {
     unused,   // no process has the file open, mapped or is executing it
     used,     // something has: a process, the service itself included, or the kernel
     no_answer // not a regular file, not ours to ask about, or a file system that does not know
@@ -35,9 +35,9 @@ constexpr unsigned int remote_file_systems[] = {
 
 // A second descriptor on the same file, whatever its name leads to by now. A path descriptor cannot
 // carry a lease.
-unique_fd open_for_reading(int path_fd) {
+UniqueFd open_for_reading(int path_fd) {
     const std::string name = "/proc/self/fd/" + std::to_string(path_fd);
-    return unique_fd(open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    return UniqueFd(open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
 long times_slept() {
@@ -65,32 +65,32 @@ bool take_lease(int fd, long slept_before_opening) {
 // It grants one only while nobody else uses the file. That takes the same few microseconds whatever
 // the number of processes. The lease is given back at once: somebody who opens the file in that
 // moment waits for it or, with O_NONBLOCK, is told to try again.
-lease_answer ask_for_write_lease(int path_fd) {
+LeaseAnswer ask_for_write_lease(int path_fd) {
     struct stat status {};
     if (fstat(path_fd, &status) != 0 || !S_ISREG(status.st_mode))
-        return lease_answer::no_answer;
+        return LeaseAnswer::no_answer;
     struct statfs file_system {};
     if (fstatfs(path_fd, &file_system) != 0)
-        return lease_answer::no_answer;
+        return LeaseAnswer::no_answer;
     // The field is signed and of another width than the numbers.
     const auto type = static_cast<unsigned int>(file_system.f_type);
     if (std::find(std::begin(remote_file_systems), std::end(remote_file_systems), type) !=
         std::end(remote_file_systems))
-        return lease_answer::no_answer;
+        return LeaseAnswer::no_answer;
     const long slept = times_slept();
-    const unique_fd fd = open_for_reading(path_fd);
+    const UniqueFd fd = open_for_reading(path_fd);
     if (!fd) // EWOULDBLOCK: somebody holds a lease of their own and has to give it up first
-        return errno == EWOULDBLOCK ? lease_answer::used : lease_answer::no_answer;
+        return errno == EWOULDBLOCK ? LeaseAnswer::used : LeaseAnswer::no_answer;
     // An opener that comes while the lease is held has a signal sent here: by default SIGIO, which
     // ends the process. SIGURG is ignored by default.
     if (fcntl(fd.get(), F_SETSIG, SIGURG) != 0)
-        return lease_answer::no_answer;
+        return LeaseAnswer::no_answer;
     if (!take_lease(fd.get(), slept))
-        return errno == EAGAIN ? lease_answer::used : lease_answer::no_answer;
+        return errno == EAGAIN ? LeaseAnswer::used : LeaseAnswer::no_answer;
     fcntl(fd.get(), F_SETLEASE, F_UNLCK); // at once: an opener may be waiting
     // On these a grant does not exclude a use: not every mapping is seen, nor an opening below.
     const bool is_layered = type == OVERLAYFS_SUPER_MAGIC || type == FUSE_SUPER_MAGIC;
-    return is_layered ? lease_answer::no_answer : lease_answer::unused;
+    return is_layered ? LeaseAnswer::no_answer : LeaseAnswer::unused;
 }
 
 } // namespace
@@ -101,14 +101,14 @@ int procfs_path_in_use(const char *path, procfs_path_in_use_info *info, unsigned
         info[0].pid = 0;
     // O_PATH: no device is opened, no FIFO waited for, and the descriptor does not count as an
     // open.
-    const unique_fd file = open_without_magic_links(AT_FDCWD, path, O_PATH | O_CLOEXEC);
+    const UniqueFd file = open_without_magic_links(AT_FDCWD, path, O_PATH | O_CLOEXEC);
     if (!file) // a path too long as a whole may name a file that is there
         return means_absent(errno) && strlen(path) < PATH_MAX ? 0 : 1;
-    const lease_answer answer = ask_for_write_lease(file.get());
-    if (answer == lease_answer::unused)
+    const LeaseAnswer answer = ask_for_write_lease(file.get());
+    if (answer == LeaseAnswer::unused)
         return 0;
     // The kernel does not tell whose use it is; the service's own does not count.
-    const bool is_used = answer == lease_answer::used && !service_has_open(file.get());
+    const bool is_used = answer == LeaseAnswer::used && !service_has_open(file.get());
     if (is_used && (flags & PROCFS_FIND_HOLDER) == 0)
         return 1;
     const pid_t holder = find_process_using_file(file.get());

@@ -16,7 +16,7 @@ void util_check_and_unmask_common_signals(void) {
 }
 
 void fd_debug_dump_open_files(FILE *stream) {
-    const unique_dir listing(opendir("/proc/self/fd"));
+    const UniqueDir listing(opendir("/proc/self/fd"));
     if (listing == nullptr)
         return;
     const int own = dirfd(listing.get());

@@ -11,7 +11,7 @@ constexpr int line_size = 32 << 10; // longer than the longest, that of a path f
 } // namespace
 
 // "ADDRESSES PERMISSIONS OFFSET MAJOR:MINOR INODE PATH", the device in hexadecimal digits.
-bool maps_file(FILE *table, const file_identity &file, bool is_on_overlay) {
+bool maps_file(FILE *table, const FileIdentity &file, bool is_on_overlay) {
     char line[line_size];
     while (fgets(line, sizeof(line), table) != nullptr) {
         unsigned int major_number = 0;

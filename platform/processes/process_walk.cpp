@@ -20,9 +20,9 @@ namespace {
 constexpr size_t buffer_size = size_t{32} << 10;
 
 // What is looked for, and where.
-struct search {
-    file_identity file;
-    file_identity identity_in_maps;
+struct Search {
+    FileIdentity file;
+    FileIdentity identity_in_maps;
     bool is_on_overlay = false;
     bool can_be_mapped = false;    // only a regular file can
     int proc = AT_FDCWD;           // the opened process file system
@@ -63,8 +63,8 @@ template<typename Visit> bool any_number(int directory, Visit visit) {
     return size < 0 && !has_ended(errno);
 }
 
-unique_fd open_directory(int at, const std::string &name) {
-    return unique_fd(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+UniqueFd open_directory(int at, const std::string &name) {
+    return UniqueFd(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 // An operator has to know that the answers may be wrong; once is enough.
@@ -83,15 +83,15 @@ bool counts_as_open(int descriptors, const char *number) {
            (link.st_mode & (S_IRUSR | S_IWUSR)) != 0;
 }
 
-bool has_open(const search &wanted, const std::string &task) {
-    const unique_fd descriptors = open_directory(wanted.proc, task + "/fd");
+bool has_open(const Search &wanted, const std::string &task) {
+    const UniqueFd descriptors = open_directory(wanted.proc, task + "/fd");
     if (!descriptors) {
         if (is_refusal(errno))
             report_blindness(task.c_str(), errno);
         return is_unknown(errno);
     }
     return any_number(descriptors.get(), [&](const char *number) {
-        file_identity open_file{};
+        FileIdentity open_file{};
         // Any other error comes from another file, on a dead disk or server: ours has answered.
         if (!identify(descriptors.get(), number, open_file))
             return is_shortage(errno);
@@ -99,47 +99,47 @@ bool has_open(const search &wanted, const std::string &task) {
     });
 }
 
-enum class memory {
+enum class Memory {
     none, // a kernel thread, or it has ended
     refused,
     without_file,
     with_file
 };
 
-memory look_at_memory(const search &wanted, const std::string &task) {
-    file_identity program{};
+Memory look_at_memory(const Search &wanted, const std::string &task) {
+    FileIdentity program{};
     if (identify(wanted.proc, (task + "/exe").c_str(), program)) {
         if (program == wanted.file)
-            return memory::with_file;
+            return Memory::with_file;
     } else if (has_ended(errno)) {
-        return memory::none;
+        return Memory::none;
     }
     // The table waits while its process maps a file, as long as the file system of that one likes.
     if (!wanted.can_be_mapped)
-        return memory::without_file;
+        return Memory::without_file;
     // The kernel lets anybody open maps of a task without memory. A refusal therefore means memory
     // that we may not see. A refusal of exe can have other causes.
-    const unique_file mappings(fopen(("/proc/" + task + "/maps").c_str(), "re"));
+    const UniqueFile mappings(fopen(("/proc/" + task + "/maps").c_str(), "re"));
     if (mappings == nullptr) {
         if (!is_refusal(errno))
-            return has_ended(errno) ? memory::none : memory::with_file;
+            return has_ended(errno) ? Memory::none : Memory::with_file;
         report_blindness(task.c_str(), errno);
-        return memory::refused;
+        return Memory::refused;
     }
     return maps_file(mappings.get(), wanted.identity_in_maps, wanted.is_on_overlay)
-               ? memory::with_file
-               : memory::without_file;
+               ? Memory::with_file
+               : Memory::without_file;
 }
 
-bool shares_descriptors(const search &wanted, const char *process, const char *thread) {
+bool shares_descriptors(const Search &wanted, const char *process, const char *thread) {
     return wanted.numbers_are_pids &&
            syscall(SYS_kcmp, to_pid(process), to_pid(thread), KCMP_FILES, 0, 0) == 0;
 }
 
 // All threads of a process share its memory, but the first one may have ended and left it.
-bool another_thread_uses(const search &wanted, const char *process, bool memory_is_known) {
+bool another_thread_uses(const Search &wanted, const char *process, bool memory_is_known) {
     const std::string tasks = std::string(process) + "/task";
-    const unique_fd threads = open_directory(wanted.proc, tasks);
+    const UniqueFd threads = open_directory(wanted.proc, tasks);
     if (!threads)
         return is_unknown(errno);
     return any_number(threads.get(), [&](const char *thread) {
@@ -147,17 +147,17 @@ bool another_thread_uses(const search &wanted, const char *process, bool memory_
             return false;
         const std::string task = tasks + "/" + thread;
         return (!shares_descriptors(wanted, process, thread) && has_open(wanted, task)) ||
-               (!memory_is_known && look_at_memory(wanted, task) == memory::with_file);
+               (!memory_is_known && look_at_memory(wanted, task) == Memory::with_file);
     });
 }
 
-bool uses_file(const search &wanted, const char *process) {
-    const memory state = look_at_memory(wanted, process);
-    if (state == memory::refused)
+bool uses_file(const Search &wanted, const char *process) {
+    const Memory state = look_at_memory(wanted, process);
+    if (state == Memory::refused)
         return false; // its descriptors are refused as well
     // A task without an address space has no open files.
-    return state == memory::with_file || (state != memory::none && has_open(wanted, process)) ||
-           another_thread_uses(wanted, process, state != memory::none);
+    return state == Memory::with_file || (state != Memory::none && has_open(wanted, process)) ||
+           another_thread_uses(wanted, process, state != Memory::none);
 }
 
 // The service's number in this process file system; empty when it is not in there.
@@ -167,8 +167,8 @@ std::string own_number(int proc) {
     return std::string(number, length > 0 ? static_cast<size_t>(length) : 0);
 }
 
-pid_t find_process(search wanted) {
-    const unique_fd proc = open_directory(AT_FDCWD, "/proc");
+pid_t find_process(Search wanted) {
+    const UniqueFd proc = open_directory(AT_FDCWD, "/proc");
     if (!proc)
         return -1;
     const std::string self = own_number(proc.get());
@@ -176,7 +176,7 @@ pid_t find_process(search wanted) {
     wanted.numbers_are_pids = self == std::to_string(getpid());
     // A process file system can be mounted so that it does not even list what may not be looked
     // into. Process 1 is always there.
-    if (file_identity first{}; !identify(proc.get(), "1", first))
+    if (FileIdentity first{}; !identify(proc.get(), "1", first))
         report_blindness("1", errno);
     pid_t found = -1; // stays where the listing broke off
     const bool may_be_used = any_number(proc.get(), [&](const char *process) {
@@ -190,7 +190,7 @@ pid_t find_process(search wanted) {
 } // namespace
 
 pid_t find_process_using_file(int path_fd) {
-    search wanted{};
+    Search wanted{};
     struct stat status {};
     struct statfs file_system {};
     if (!identify(path_fd, "", wanted.file) ||
@@ -202,13 +202,13 @@ pid_t find_process_using_file(int path_fd) {
     return find_process(wanted);
 }
 
-pid_t find_process_with_open_file(const file_identity &file) {
-    search wanted{};
+pid_t find_process_with_open_file(const FileIdentity &file) {
+    Search wanted{};
     wanted.file = file;
     return find_process(wanted);
 }
 
 bool service_has_open(int path_fd) {
-    search wanted{};
+    Search wanted{};
     return !identify(path_fd, "", wanted.file) || has_open(wanted, "/proc/self");
 }

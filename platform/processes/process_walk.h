@@ -18,7 +18,7 @@
 pid_t find_process_using_file(int path_fd);
 
 // A process that has open a file that can be neither mapped nor executed.
-pid_t find_process_with_open_file(const file_identity &file);
+pid_t find_process_with_open_file(const FileIdentity &file);
 
 // Does the service itself have the file of an O_PATH descriptor open, for example by an inherited
 // descriptor?

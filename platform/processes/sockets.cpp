@@ -43,7 +43,7 @@ bool can_serve(const unix_diag_msg &socket) {
 }
 
 // A socket that is bound to no file has no such attribute.
-bool is_bound_to(const nlmsghdr *message, const file_identity &file) {
+bool is_bound_to(const nlmsghdr *message, const FileIdentity &file) {
     const auto *socket = static_cast<const unix_diag_msg *>(NLMSG_DATA(message));
     auto left = static_cast<int>(message->nlmsg_len - NLMSG_LENGTH(sizeof(*socket)));
     const auto *attribute = reinterpret_cast<const rtattr *>(socket + 1);
@@ -62,7 +62,7 @@ bool is_bound_to(const nlmsghdr *message, const file_identity &file) {
 
 // The inode number of a socket that serves the file; 0 when the kernel lists none, -1 with errno
 // when it does not say.
-int64_t find_server_socket(int netlink, const file_identity &file) {
+int64_t find_server_socket(int netlink, const FileIdentity &file) {
     if (!request_sockets(netlink))
         return -1;
     alignas(nlmsghdr) char answer[answer_size];
@@ -99,14 +99,14 @@ void report_no_answer(int error) {
 } // namespace
 
 int32_t get_socket_server_pid(const char *path, int flags) {
-    const unique_fd file = open_without_magic_links(AT_FDCWD, path, O_PATH | O_CLOEXEC);
-    file_identity bound{};
-    file_identity server{};
+    const UniqueFd file = open_without_magic_links(AT_FDCWD, path, O_PATH | O_CLOEXEC);
+    FileIdentity bound{};
+    FileIdentity server{};
     if (!file)
         return means_absent(errno) ? -1 : 0;
     if (!identify_for_kernel(file.get(), bound))
         return 0;
-    const unique_fd netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+    const UniqueFd netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
     int64_t inode = netlink ? find_server_socket(netlink.get(), bound) : -1;
     if (inode == 0) // a list can miss a socket when another one closes meanwhile
         inode = find_server_socket(netlink.get(), bound);

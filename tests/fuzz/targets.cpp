@@ -21,7 +21,8 @@ void metadata(const std::string &input) {
     const std::string name = "a=\\" + input.substr(0, input.find('\0')) + "\n", value = "\n\\";
     change_line(line, name.c_str(), value.c_str());
     const metadata_v4_metadata_entry again = decode_line(line, texts);
-    assert(again.name == name && again.value == value);
+    assert(again.name == name);
+    assert(again.value == value);
 }
 
 // Nothing is thrown, and only usable entries get in.
