@@ -15,8 +15,9 @@ ArchiveBase choose_archive_base(int archive_fd, const std::string &target_name,
     if (original_name.empty() || original_name.find('/') != std::string::npos)
         return {target_name, true};
     struct stat status {};
-    const bool is_taken = archive_fd >= 0 && (fstatat(archive_fd, original_name.c_str(), &status,
-                                                      AT_SYMLINK_NOFOLLOW) == 0 ||
-                                              errno != ENOENT);
+    const bool is_taken = archive_fd < 0 ? original_name == "." || original_name == ".."
+                                         : fstatat(archive_fd, original_name.c_str(), &status,
+                                                   AT_SYMLINK_NOFOLLOW) == 0 ||
+                                               errno != ENOENT;
     return {original_name, is_taken};
 }

@@ -46,14 +46,18 @@ int why_not_moved(const Move &move, bool is_free) {
     if (move.new_name.size() > NAME_MAX)
         return ENAMETOOLONG;
     const bool is_directory = S_ISDIR(item.st_mode);
+    struct stat from {};
     struct stat to {};
-    if (is_directory && fstat(move.to_fd, &to) == 0 && to.st_ino == item.st_ino)
+    fstat(move.from_fd, &from);
+    fstat(move.to_fd, &to);
+    if (is_directory && to.st_ino == item.st_ino)
         return EINVAL; // into itself
     if (is_taken && is_free && other.st_ino == item.st_ino && move.name == move.new_name)
         return ENOENT; // it is the item that has moved away
-    // The entry ".." of a directory changes.
+    // In another parent the entry ".." of a directory changes.
     if (!may_rename_in(move.from_fd) || !may_rename_in(move.to_fd) ||
-        (is_directory && faccessat(move.from_fd, name, W_OK, AT_EACCESS) != 0))
+        (is_directory && from.st_ino != to.st_ino &&
+         faccessat(move.from_fd, name, W_OK, AT_EACCESS) != 0))
         return errno;
     if (!is_taken || is_free)
         return 0;
