@@ -148,9 +148,10 @@ const struct Scenario {
 } scenarios[] = {
     // Without these syncs a crash of the machine could lose the metadata.
     {"FirstDelivery", first, "call fsync 1 \ncall renameat 4 \ncall fsync 2 \n",
-     "Cannot make ARCHIVE directory, Input/output error\n"},
-    {"Replacement", replacement, "Original filename: 'o\\=.mxf'\n",
-     "Cannot move NEW file into directory, Invalid cross-device"},
+     "Cannot make ARCHIVE directory, Input/output error\n"
+     "Cannot access ARCHIVE directory, No such file or directory\n> sleep\n"},
+    {"Replacement", replacement, "to replace 'Play/A'\nmetadata 'original filename'='o\\=.mxf'\n",
+     "Cannot move NEW file into directory, Invalid cross-device link\n> sleep\n"},
     {"ArrivingFileInUse", first, "File source 'Upload/A/n\\\n.mxf' is in use, not acting\n",
      warning, arriving},
     {"TargetInUse", replacement, "File 'Play/A' is in use, not acting\n", warning, in_place},
