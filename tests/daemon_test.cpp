@@ -41,7 +41,7 @@ ChildProcess start(const char *option, const char *program = "/mnt/service") {
 void wait_for(const char *file, const std::string &text) {
     for (int tries = 0; tries < 20000 && !has(read_file(file), text); ++tries)
         usleep(1000);
-    EXPECT_TRUE(has(read_file(file), text));
+    EXPECT_TRUE(has(read_file(file), text)) << file;
 }
 
 const struct StartCase {
