@@ -88,12 +88,12 @@ string plan_text(const DeliveryPlan &plan, const string &archive_name) {
 string delivery_text(int watch_fd, const string &file, const ItemContext &target) {
     const string own = target.file_name();
     struct stat status {};
-    const bool makes_archive =
-        fstatat(target.dir_fd(), archive_directory, &status, AT_SYMLINK_NOFOLLOW) != 0;
-    const UniqueFd archive = makes_archive ? UniqueFd(-1) : open_archive(target.dir_fd());
-    if (!makes_archive && !archive)
+    const UniqueFd archive = open_archive(target.dir_fd());
+    const bool is_there =
+        archive || fstatat(target.dir_fd(), archive_directory, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!archive && is_there)
         return failure_text("cannot open the ARCHIVE directory", errno);
-    if (makes_archive && !may_rename_in(target.dir_fd()))
+    if (!is_there && !may_rename_in(target.dir_fd()))
         return failure_text("cannot make the ARCHIVE directory", errno);
     ItemMetadata list;
     list.load_from_file(target, false);

@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <linux/magic.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/vfs.h>
 
 namespace {
@@ -36,8 +35,6 @@ DirectoryFacts collect_directory_facts(const char *what, const string &path) {
         statx(fd.get(), "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_MNT_ID, &status) == 0;
     facts.open_error = is_open ? 0 : errno;
     facts.path = procfs_fd_realpath(fd.get());
-    facts.device = makedev(status.stx_dev_major, status.stx_dev_minor);
-    facts.inode = status.stx_ino;
     facts.mount = status.stx_mnt_id; // 0 where the kernel does not tell
     const auto type = static_cast<uint32_t>(system.f_type);
     facts.is_remote = type == FUSE_SUPER_MAGIC || type == NFS_SUPER_MAGIC ||
@@ -47,7 +44,7 @@ DirectoryFacts collect_directory_facts(const char *what, const string &path) {
 }
 
 bool is_same_directory(const DirectoryFacts &a, const DirectoryFacts &b) {
-    return a.open_error == 0 && b.open_error == 0 && a.device == b.device && a.inode == b.inode;
+    return a.open_error == 0 && b.open_error == 0 && a.path == b.path;
 }
 
 // The system's reason, with the first part of the path that is not there.
@@ -81,7 +78,7 @@ bool judge_directory(const string &entry, const DirectoryFacts &directory) {
 
 // A rename between two mounts fails, also where both are one file system.
 void report_apart(const string &entry, const DirectoryFacts &from, const DirectoryFacts &to) {
-    if (from.device != to.device || from.mount != to.mount)
+    if (from.mount != to.mount)
         report(error, entry, from.name + "and " + to.name + "are on two file systems or mounts");
 }
 
@@ -111,17 +108,19 @@ void judge_entry(const KnownEntry &known) {
     const string target = "the target '" + known.entry->target_file + "' ";
     std::error_code ignored;
     const auto item = fs::symlink_status(known.entry->target_file, ignored);
+    string wrong;
     if (known.target_name.empty())
-        report(error, entry, target + "has no file name: write the path of a file");
+        wrong = "has no file name: write the path of a file";
+    else if (known.target_name == archive_directory || is_metadata_dir_name(known.target_name))
+        wrong = "has a name that the service itself uses: choose another";
     else if (fs::is_directory(item))
-        report(error, entry,
-               target + "is a directory: write the path of a file in it; the first delivery would "
-                        "archive the whole directory");
+        wrong = "is a directory: write the path of a file in it; the first delivery would archive "
+                "the whole directory";
+    if (!wrong.empty())
+        report(error, entry, target + wrong);
     else if (fs::exists(item) && !fs::is_regular_file(item))
         report(warning, entry, target + "is no regular file, the first delivery would archive it");
-    if (known.target_name == archive_directory || is_metadata_dir_name(known.target_name))
-        report(error, entry, target + "has a name that the service itself uses: choose another");
-    if (known.target_name.size() > longest_name)
+    else if (known.target_name.size() > longest_name)
         report(known.target_name.size() > 246 ? error : warning, entry,
                target + "has a name of more than 205 bytes: it may not be archived, with metadata");
     const bool takes_watch = judge_directory(entry, known.watch);

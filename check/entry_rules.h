@@ -12,18 +12,15 @@
 #include <cerrno>
 #include <cstdint>
 #include <string>
-#include <sys/types.h>
 
 struct DirectoryFacts {
     std::string configured;
     std::string name;        // what the lines call it: "watch path '/mnt/main/Upload/News' "
     int open_error = ENOENT; // 0 when it could be opened; only then is the rest set
     std::string path;        // where it really is
-    dev_t device = 0;        // of its file system
-    ino_t inode = 0;
-    uint64_t mount = 0;     // which of the mounts; 0 where the kernel does not tell
-    bool is_remote = false; // on a file system of which others see another side
-    int rename_error = 0;   // errno where names in it cannot be changed
+    uint64_t mount = 0;      // which of the mounts; 0 where the kernel does not tell
+    bool is_remote = false;  // on a file system of which others see another side
+    int rename_error = 0;    // errno where names in it cannot be changed
 };
 
 struct KnownEntry {

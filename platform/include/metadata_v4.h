@@ -8,7 +8,8 @@
 //
 // Owns:   a context owns its texts and descriptors, a list its entries; both end with their
 //         destroy.
-// Errors: functions that return int give a negative number, unless they say otherwise.
+// Errors: functions that return int give a negative number, unless they say otherwise. Those of a
+//         list throw std::bad_alloc.
 // Prints: nothing.
 //
 // Whoever can write into a watch folder can plant anything there. Nothing here follows a symbolic
@@ -114,12 +115,11 @@ int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_con
                                                         metadata_v4_context *context, int flags,
                                                         void *reserved);
 
-// The entry at an index, or null. Lack of memory gives null too and unbinds the list.
+// The entry at an index, or null.
 metadata_v4_metadata_entry *
 metadata_v4_metadata_context_read_entry(metadata_v4_metadata_context *list, uint64_t index);
 
-// Change the entry that was read last, or add one at the end. The name must not be empty. On
-// failure, which is for lack of memory, the list is no longer bound and is not stored.
+// Change the entry that was read last, or add one at the end. The name must not be empty.
 int metadata_v4_metadata_context_set_name_value_pair(metadata_v4_metadata_context *list,
                                                      metadata_v4_metadata_entry *entry,
                                                      const char *name, size_t name_length,

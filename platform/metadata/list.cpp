@@ -21,17 +21,6 @@ StoredList &stored(metadata_v4_metadata_context *list) {
     return *static_cast<StoredList *>(list);
 }
 
-// What the library throws for lack of memory ends here: the interface is C. A list that lost a
-// change is not written: the caller would take it for stored.
-template<typename Action> int guarded(metadata_v4_metadata_context *list, Action action) {
-    try {
-        return action();
-    } catch (const std::bad_alloc &) {
-        list->descriptor = -1;
-        return -1;
-    }
-}
-
 } // namespace
 
 metadata_v4_metadata_context *metadata_v4_metadata_context_create(void) {
@@ -46,28 +35,24 @@ int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_co
                                                          metadata_v4_context *context,
                                                          int for_writing, void * /*reserved*/) {
     stored(list) = StoredList();
-    return guarded(list, [&] {
-        std::string raw;
-        if (!read_metadata_file(context->metadir_fd, stored(list).file, raw) &&
-            (for_writing == 0 || errno != ENOENT))
-            return -1;
-        stored(list).lines = split_metadata(raw);
-        list->entry_count = stored(list).lines.size();
-        if (for_writing != 0)
-            list->descriptor = context->metadir_fd;
-        return 0;
-    });
+    std::string raw;
+    if (!read_metadata_file(context->metadir_fd, stored(list).file, raw) &&
+        (for_writing == 0 || errno != ENOENT))
+        return -1;
+    stored(list).lines = split_metadata(raw);
+    list->entry_count = stored(list).lines.size();
+    if (for_writing != 0)
+        list->descriptor = context->metadir_fd;
+    return 0;
 }
 
 int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_context *list,
                                                         metadata_v4_context * /*context*/,
                                                         int /*flags*/, void * /*reserved*/) {
-    return guarded(list, [list] {
-        std::string text;
-        for (const std::string &line : stored(list).lines)
-            text += line;
-        return replace_metadata_file(list->descriptor, stored(list).file, text) ? 0 : -1;
-    });
+    std::string text;
+    for (const std::string &line : stored(list).lines)
+        text += line;
+    return replace_metadata_file(list->descriptor, stored(list).file, text) ? 0 : -1;
 }
 
 metadata_v4_metadata_entry *
@@ -76,11 +61,8 @@ metadata_v4_metadata_context_read_entry(metadata_v4_metadata_context *list, uint
     if (index >= list->entry_count)
         return nullptr;
     self.index = index;
-    const int status = guarded(list, [&] {
-        self.entry = decode_line(self.lines[index], self.entry_texts);
-        return 0;
-    });
-    return status == 0 ? &self.entry : nullptr;
+    self.entry = decode_line(self.lines[index], self.entry_texts);
+    return &self.entry;
 }
 
 int metadata_v4_metadata_context_set_name_value_pair(metadata_v4_metadata_context *list,
@@ -88,22 +70,18 @@ int metadata_v4_metadata_context_set_name_value_pair(metadata_v4_metadata_contex
                                                      const char *name, size_t /*name_length*/,
                                                      const char *value, size_t /*value_length*/,
                                                      int /*reserved*/) {
-    return guarded(list, [&] {
-        change_line(stored(list).lines[stored(list).index], name, value);
-        return 0;
-    });
+    change_line(stored(list).lines[stored(list).index], name, value);
+    return 0;
 }
 
 int metadata_v4_metadata_context_add_name_value_pair(metadata_v4_metadata_context *list,
                                                      const char *name, size_t /*name_length*/,
                                                      const char *value, size_t /*value_length*/,
                                                      int /*reserved*/) {
-    return guarded(list, [&] {
-        std::vector<std::string> &lines = stored(list).lines;
-        if (!lines.empty() && lines.back().back() != '\n')
-            lines.back() += '\n';
-        change_line(lines.emplace_back("\n"), name, value);
-        list->entry_count = lines.size();
-        return 0;
-    });
+    std::vector<std::string> &lines = stored(list).lines;
+    if (!lines.empty() && lines.back().back() != '\n')
+        lines.back() += '\n';
+    change_line(lines.emplace_back("\n"), name, value);
+    list->entry_count = lines.size();
+    return 0;
 }
