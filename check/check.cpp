@@ -55,8 +55,7 @@ void judge_disk(const std::vector<KnownEntry> &entries) {
     for (auto later = entries.begin(); later != entries.end(); ++later) {
         judge_entry(*later);
         // Thousands of entries on one folder are one mistake.
-        const size_t most = finding_count[warning] + 10;
-        for (auto other = entries.begin(); other != later && finding_count[warning] < most; ++other)
+        for (auto other = entries.begin(); other != later && finding_count[warning] < 100; ++other)
             judge_pair(*other, *later);
     }
 }

@@ -5,7 +5,6 @@
 #include "check/finding.h"
 #include "config/watch_entry.h"
 #include "delivery/archive_name.h"
-#include "delivery/cppmetadir.h"
 #include "delivery/deliver_file.h"
 #include "delivery/delivery_plan.h"
 #include "delivery/in_use.h"
@@ -60,33 +59,30 @@ string failure_text(const string &text, int code) {
 
 // Takes the four moves one by one.
 string plan_text(const DeliveryPlan &plan, const string &archive_name) {
-    const string &own = plan.old_file.name;
-    const string &file = plan.new_file.name;
-    const string names = " '" + own + "' as '" + archive_name + "'";
+    const string names = " '" + plan.old_file.name + "' as '" + archive_name + "'";
+    const string new_name = "deliver '" + plan.new_file.name + "'";
     int code = why_not_moved(plan.old_file, false);
-    if (code == ENOENT && own == archive_directory)
+    if (code == ENOENT && plan.old_file.name == archive_directory)
         code = EINVAL; // it is made by then
     if (is_failure(code))
         return failure_text("cannot archive" + names, code);
-    const bool has_item = code == 0;
+    string archived = code == 0 ? "archive" + names : "";
     code = why_not_moved(plan.old_metadata, false);
     const bool has_metadata = code == 0;
-    const string archived = has_item       ? "archive" + names
-                            : has_metadata ? "archive the metadata of" + names
-                                           : "";
+    if (has_metadata && archived.empty())
+        archived = "archive the metadata of" + names;
     const string then = archived.empty() ? "would fail to " : "would " + archived + " and fail to ";
     if (is_failure(code))
         return failure_text(then + "archive the metadata", code);
     code = why_not_moved(plan.new_file, true);
     if (code != 0)
-        return failure_text(then + "deliver '" + file + "'", code);
+        return failure_text(then + new_name, code);
     const bool brings_metadata = !is_failure(why_not_moved(plan.new_metadata, has_metadata));
-    return "would deliver '" + file + (brings_metadata ? "'" : "' without its metadata") +
+    return "would " + new_name + (brings_metadata ? "" : " without its metadata") +
            (archived.empty() ? "" : ", and " + archived);
 }
 
 string delivery_text(int watch_fd, const string &file, const ItemContext &target) {
-    const string own = target.file_name();
     struct stat status {};
     const UniqueFd archive = open_archive(target.dir_fd());
     const bool is_there =
@@ -97,11 +93,12 @@ string delivery_text(int watch_fd, const string &file, const ItemContext &target
         return failure_text("cannot make the ARCHIVE directory", errno);
     ItemMetadata list;
     list.load_from_file(target, false);
-    const ArchiveBase base = choose_archive_base(archive.get(), own, original_name_in(list, false));
+    const ArchiveBase base =
+        choose_archive_base(archive.get(), target.file_name(), original_name_in(list, false));
     const string suffix = base.needs_suffix ? archive_suffix({}, monotonic_clock_us()) : "";
-    const string text = plan_text(
-        plan_delivery(watch_fd, file, target.dir_fd(), own, archive.get(), base.name + suffix),
-        base.name + (base.needs_suffix ? " [ARCHIVE <time>]" : ""));
+    const string text = plan_text(plan_delivery(watch_fd, file, target.dir_fd(), target.file_name(),
+                                                archive.get(), base.name + suffix),
+                                  base.name + (base.needs_suffix ? " [ARCHIVE <time>]" : ""));
     struct statvfs system {};
     const bool has_room = fstatvfs(watch_fd, &system) != 0 || system.f_bavail > 0;
     return has_room ? text : text + "; the storage is full, which can make steps of it fail";
@@ -125,12 +122,10 @@ string outcome(const WatchEntry &entry, bool makes_play, bool &acts) {
     std::vector<string> passed_over;
     while (const char *name = next_candidate(watch_dir.get(), any_name))
         (entry.matches(name) ? files : passed_over).emplace_back(name);
+    const string passed = std::to_string(passed_over.size()) + " files that no pattern matches";
     if (files.empty())
         return "nothing to deliver" +
-               (passed_over.empty()
-                    ? ""
-                    : "; " + std::to_string(passed_over.size()) +
-                          " files that no pattern matches, such as '" + passed_over[0] + "'");
+               (passed_over.empty() ? "" : "; " + passed + ", such as '" + passed_over[0] + "'");
     target.open_the_file();
     target.open_metadata_dir();
     const Refusal reason = why_refused(files[0].c_str(), target, entry);

@@ -12,7 +12,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <linux/magic.h>
-#include <sys/stat.h>
 #include <sys/vfs.h>
 
 namespace {
@@ -20,22 +19,15 @@ namespace {
 namespace fs = std::filesystem;
 using std::string;
 
-// Bytes that leave room for the suffix in the archive, and for the metadata directory of that.
-constexpr size_t longest_name = 205;
-
 DirectoryFacts collect_directory_facts(const char *what, const string &path) {
     DirectoryFacts facts;
     facts.configured = path;
     facts.name = what + (" '" + path + "' ");
     const UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    struct statx status {};
     struct statfs system {};
-    const bool is_open =
-        fd && fstatfs(fd.get(), &system) == 0 &&
-        statx(fd.get(), "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_MNT_ID, &status) == 0;
+    const bool is_open = fd && fstatfs(fd.get(), &system) == 0;
     facts.open_error = is_open ? 0 : errno;
     facts.path = procfs_fd_realpath(fd.get());
-    facts.mount = status.stx_mnt_id; // 0 where the kernel does not tell
     const auto type = static_cast<uint32_t>(system.f_type);
     facts.is_remote = type == FUSE_SUPER_MAGIC || type == NFS_SUPER_MAGIC ||
                       type == CIFS_SUPER_MAGIC || type == SMB2_SUPER_MAGIC;
@@ -52,8 +44,6 @@ string reason_for(int code, fs::path path) {
     std::error_code ignored;
     while (path.has_relative_path() && !fs::exists(path.parent_path(), ignored))
         path = path.parent_path();
-    if (code == EACCES && geteuid() != 0)
-        return "Permission denied: run this as root or as the service's user";
     return strerror(code) + (code == ENOENT ? ": there is no '" + path.string() + "'" : "");
 }
 
@@ -78,7 +68,8 @@ bool judge_directory(const string &entry, const DirectoryFacts &directory) {
 
 // A rename between two mounts fails, also where both are one file system.
 void report_apart(const string &entry, const DirectoryFacts &from, const DirectoryFacts &to) {
-    if (from.mount != to.mount)
+    // Nothing is ever renamed to ".", but the mounts are compared before that is refused.
+    if (rename((from.path + "/x").c_str(), (to.path + "/.").c_str()) != 0 && errno == EXDEV)
         report(error, entry, from.name + "and " + to.name + "are on two file systems or mounts");
 }
 
@@ -118,9 +109,7 @@ void judge_entry(const KnownEntry &known) {
                 "the whole directory";
     if (!wrong.empty())
         report(error, entry, target + wrong);
-    else if (fs::exists(item) && !fs::is_regular_file(item))
-        report(warning, entry, target + "is no regular file, the first delivery would archive it");
-    else if (known.target_name.size() > longest_name)
+    else if (known.target_name.size() > 205) // no room for the suffix and ".metadir" of that
         report(known.target_name.size() > 246 ? error : warning, entry,
                target + "has a name of more than 205 bytes: it may not be archived, with metadata");
     const bool takes_watch = judge_directory(entry, known.watch);

@@ -9,18 +9,15 @@
 
 #include "config/watch_entry.h"
 
-#include <cerrno>
-#include <cstdint>
 #include <string>
 
 struct DirectoryFacts {
     std::string configured;
-    std::string name;        // what the lines call it: "watch path '/mnt/main/Upload/News' "
-    int open_error = ENOENT; // 0 when it could be opened; only then is the rest set
-    std::string path;        // where it really is
-    uint64_t mount = 0;      // which of the mounts; 0 where the kernel does not tell
-    bool is_remote = false;  // on a file system of which others see another side
-    int rename_error = 0;    // errno where names in it cannot be changed
+    std::string name;       // what the lines call it: "watch path '/mnt/main/Upload/News' "
+    int open_error = 0;     // errno where it could not be opened; the rest is then not set
+    std::string path;       // where it really is
+    bool is_remote = false; // on a file system of which others see another side
+    int rename_error = 0;   // errno where names in it cannot be changed
 };
 
 struct KnownEntry {

@@ -67,14 +67,14 @@ string meant_by_list(const RegexState &pattern, string &effect) {
     std::replace_if(
         words.begin(), words.end(), [](unsigned char c) { return !isalnum(c); }, ' ');
     std::istringstream stream(words);
-    for (string word; stream >> word;) {
+    string word;
+    while (stream >> word)
         meant += (meant.empty() ? "" : "|") + word;
-        const string name = "show." + word;
-        if (!pattern.matches(name.c_str()))
-            effect = "does not match " + name;
-        else if (effect.empty() && pattern.matches((name + ".filepart").c_str()))
-            effect = half_uploads;
-    }
+    const string name = "show." + word;
+    if (!pattern.matches(name.c_str()))
+        effect = "does not match " + name;
+    else if (pattern.matches((name + ".filepart").c_str()))
+        effect = half_uploads;
     return "[.]" + (meant.find('|') == string::npos ? meant : "(" + meant + ")") + "$";
 }
 

@@ -24,9 +24,8 @@ struct Search {
     FileIdentity file;
     FileIdentity identity_in_maps;
     bool is_on_overlay = false;
-    bool can_be_mapped = false;    // only a regular file can
-    int proc = AT_FDCWD;           // the opened process file system
-    bool numbers_are_pids = false; // it may show the process ids of another namespace
+    bool can_be_mapped = false; // only a regular file can
+    int proc = AT_FDCWD;        // the opened process file system
 };
 
 pid_t to_pid(const char *number) {
@@ -101,7 +100,6 @@ bool has_open(const Search &wanted, const std::string &task) {
 
 enum class Memory {
     none, // a kernel thread, or it has ended
-    refused,
     without_file,
     with_file
 };
@@ -117,23 +115,18 @@ Memory look_at_memory(const Search &wanted, const std::string &task) {
     // The table waits while its process maps a file, as long as the file system of that one likes.
     if (!wanted.can_be_mapped)
         return Memory::without_file;
-    // The kernel lets anybody open maps of a task without memory. A refusal therefore means memory
-    // that we may not see. A refusal of exe can have other causes.
     const UniqueFile mappings(fopen(("/proc/" + task + "/maps").c_str(), "re"));
-    if (mappings == nullptr) {
-        if (!is_refusal(errno))
-            return has_ended(errno) ? Memory::none : Memory::with_file;
-        report_blindness(task.c_str(), errno);
-        return Memory::refused;
-    }
+    if (mappings == nullptr && has_ended(errno))
+        return Memory::none;
+    if (mappings == nullptr) // where it is refused, so are the descriptors
+        return is_refusal(errno) ? Memory::without_file : Memory::with_file;
     return maps_file(mappings.get(), wanted.identity_in_maps, wanted.is_on_overlay)
                ? Memory::with_file
                : Memory::without_file;
 }
 
-bool shares_descriptors(const Search &wanted, const char *process, const char *thread) {
-    return wanted.numbers_are_pids &&
-           syscall(SYS_kcmp, to_pid(process), to_pid(thread), KCMP_FILES, 0, 0) == 0;
+bool shares_descriptors(const char *process, const char *thread) {
+    return syscall(SYS_kcmp, to_pid(process), to_pid(thread), KCMP_FILES, 0, 0) == 0;
 }
 
 // All threads of a process share its memory, but the first one may have ended and left it.
@@ -146,15 +139,13 @@ bool another_thread_uses(const Search &wanted, const char *process, bool memory_
         if (strcmp(thread, process) == 0)
             return false;
         const std::string task = tasks + "/" + thread;
-        return (!shares_descriptors(wanted, process, thread) && has_open(wanted, task)) ||
+        return (!shares_descriptors(process, thread) && has_open(wanted, task)) ||
                (!memory_is_known && look_at_memory(wanted, task) == Memory::with_file);
     });
 }
 
 bool uses_file(const Search &wanted, const char *process) {
     const Memory state = look_at_memory(wanted, process);
-    if (state == Memory::refused)
-        return false; // its descriptors are refused as well
     // A task without an address space has no open files.
     return state == Memory::with_file || (state != Memory::none && has_open(wanted, process)) ||
            another_thread_uses(wanted, process, state != Memory::none);
@@ -173,7 +164,6 @@ pid_t find_process(Search wanted) {
         return -1;
     const std::string self = own_number(proc.get());
     wanted.proc = proc.get();
-    wanted.numbers_are_pids = self == std::to_string(getpid());
     // A process file system can be mounted so that it does not even list what may not be looked
     // into. Process 1 is always there.
     if (FileIdentity first{}; !identify(proc.get(), "1", first))
