@@ -22,7 +22,7 @@ void load_file(const std::string &path) {
     // The service starts with a regular file only, and reloads from whatever leads to one.
     if (!fs::is_regular_file(fs::symlink_status(path, ignored)))
         report(error, "", "'" + path + "' is no regular file: the service does not start with it");
-    (void)try_load_configuration();
+    (void)load_configuration();
     if (!fs::is_regular_file(path, ignored))
         return;
     std::ifstream file(path);

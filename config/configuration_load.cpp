@@ -155,6 +155,9 @@ bool load_configuration() {
     } catch (const cpptoml::parse_exception &error) {
         diag("%s: TOML parse error: %s\n", configuration_path.c_str(), error.what());
         return false;
+    } catch (const std::exception &error) { // such as a number that is out of range
+        diag("%s: %s\n", configuration_path.c_str(), error.what());
+        return false;
     }
     if (root == nullptr) {
         diag("%s: did not return anything\n", configuration_path.c_str());
@@ -172,13 +175,4 @@ bool load_configuration() {
             add_event_table(key, element->as_table());
     }
     return true;
-}
-
-bool try_load_configuration() {
-    try {
-        return load_configuration();
-    } catch (const std::exception &error) {
-        diag("%s: %s\n", configuration_path.c_str(), error.what());
-        return false;
-    }
 }

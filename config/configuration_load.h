@@ -15,11 +15,8 @@ extern std::string configuration_path;
 
 // Adds the entries of the file at configuration_path to the registry, which it does not clear.
 // False, with the registry as it was, when the file cannot be examined or parsed; true otherwise,
-// also when there was nothing to add. Lets through what the parser throws besides its parse error.
-bool load_configuration();
-
-// load_configuration, with any exception reported as a failure: "%s: %s" with the exception's text.
-[[nodiscard]] bool try_load_configuration();
+// also when there was nothing to add.
+[[nodiscard]] bool load_configuration();
 
 // Adds one event table under this name. A table that is not valid, or whose name is taken, leaves
 // the registry as it was.

@@ -42,7 +42,7 @@ std::optional<int> load_registry(const std::string &watch_folder_dir) {
     } else if (!is_regular_file(configuration_path)) {
         diag("No configuration path, exiting\n");
         return 0;
-    } else if (!try_load_configuration()) {
+    } else if (!load_configuration()) {
         diag("Failed to load configuration.\n");
         return 1;
     }

@@ -60,7 +60,7 @@ void reload() {
     hup_count = 0;
     change_hup_mask(SIG_UNBLOCK);
     configuration.clear();
-    if (!try_load_configuration())
+    if (!load_configuration())
         diag("Warning: Configuration load failure\n");
 }
 
@@ -98,10 +98,10 @@ void run_main_loop(const std::string &watch_folder_dir) {
         try {
             rescan_if_due(now, rescan_at_us, watch_folder_dir);
             check_or_sleep(now);
+            if (hup_count > 0)
+                reload();
         } catch (const std::exception &error) { // no memory; what was held is released
             diag("Check not completed, %s\n", error.what());
         }
-        if (hup_count > 0)
-            reload();
     }
 }
