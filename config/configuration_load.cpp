@@ -81,7 +81,7 @@ std::shared_ptr<cpptoml::table> parse_file(const string &path) {
 void read_text(const cpptoml::table &table, const char *key, string &text) {
     const auto element = find_element(table, key);
     if (const string *found = string_text(element))
-        text = found->c_str(); // as every system call takes it, up to its first NUL
+        text = found->substr(0, found->find('\0')); // as every system call takes it
 }
 
 void read_patterns(const cpptoml::table &table, std::vector<RegexState> &patterns) {
