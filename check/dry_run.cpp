@@ -136,8 +136,8 @@ string outcome(const WatchEntry &entry, bool makes_play, bool &acts) {
     return behind == 0 ? text : text + "; files that wait behind it: " + std::to_string(behind);
 }
 
-// The last entry before this one on whose folders it depends: they are those of this one, or hold
-// one of them, which can be renamed with what it is in. Empty when there is none.
+// The last entry before this one that may change one of its folders, or a folder above one. Empty
+// when there is none.
 string find_earlier(const std::vector<fs::path> &folders, const std::map<string, string> &changed) {
     for (const fs::path &folder : folders)
         for (fs::path path = folder; path.has_relative_path(); path = path.parent_path())
@@ -149,8 +149,8 @@ string find_earlier(const std::vector<fs::path> &folders, const std::map<string,
 } // namespace
 
 void announce_pass(bool makes_play) {
-    std::map<string, string>
-        changed; // by the real path of a folder, the last entry that acts there
+    // By the real path of a folder, the last entry that acts there.
+    std::map<string, string> changed;
     for (const auto &[name, entry] : configuration) {
         std::error_code failure;
         const fs::path target = fs::path(entry.target_file).parent_path();

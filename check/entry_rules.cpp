@@ -111,7 +111,8 @@ void judge_entry(const KnownEntry &known) {
         report(error, entry, target + wrong);
     else if (known.target_name.size() > 205) // no room for the suffix and ".metadir" of that
         report(known.target_name.size() > 246 ? error : warning, entry,
-               target + "has a name of more than 205 bytes: it may not be archived, with metadata");
+               target + "has a name of more than 205 bytes: it may be archived without metadata, "
+                        "or not at all");
     const bool takes_watch = judge_directory(entry, known.watch);
     if (known.target_name.empty() || !judge_directory(entry, known.target))
         return;

@@ -153,9 +153,10 @@ void explain_syntax(const string &path, const string &message) {
     std::ifstream lines(path);
     string line;
     const size_t number = std::strtoul(message.c_str() + message.rfind(' ') + 1, nullptr, 10);
-    for (size_t n = 0; n == 0 || n < number; ++n)
+    for (size_t n = 0; n < number; ++n)
         std::getline(lines, line);
-    replace_all(line, "\r", "");
     const string advice = advice_for(line + "\n" + message, syntax_mistakes);
-    report(error, "", message + " '" + line + "'" + (advice.empty() ? "" : ": " + advice));
+    report(error, "",
+           message + (number == 0 ? "" : " '" + line + "'") +
+               (advice.empty() ? "" : ": " + advice));
 }

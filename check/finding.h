@@ -23,8 +23,8 @@ void replace_all(std::string &text, const std::string &old_part, const std::stri
 // Does the regular expression match anywhere in the text, regardless of case? Both end at a NUL.
 bool looks_like(const std::string &text, const char *expression);
 
-// A table of mistakes: what the text looks like in which one is made, and what to say of it.
-// Returns that of the first that the text looks like, "" when there is none.
+// A table of mistakes: in each row a regular expression that matches a text with the mistake, and
+// the advice. Returns the advice of the first row that matches, "" when none does.
 template<size_t n>
 std::string advice_for(const std::string &text, const char *const (&mistakes)[n][2]) {
     for (const auto &[looks, advice] : mistakes)

@@ -155,7 +155,7 @@ bool load_configuration() {
     } catch (const cpptoml::parse_exception &error) {
         diag("%s: TOML parse error: %s\n", configuration_path.c_str(), error.what());
         return false;
-    } catch (const std::exception &error) { // such as a number that is out of range
+    } catch (const std::exception &error) { // no memory
         diag("%s: %s\n", configuration_path.c_str(), error.what());
         return false;
     }

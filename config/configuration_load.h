@@ -15,7 +15,7 @@ extern std::string configuration_path;
 
 // Adds the entries of the file at configuration_path to the registry, which it does not clear.
 // False, with the registry as it was, when the file cannot be examined or parsed; true otherwise,
-// also when there was nothing to add.
+// also when there was nothing to add. Throws std::bad_alloc while it adds entries.
 [[nodiscard]] bool load_configuration();
 
 // Adds one event table under this name. A table that is not valid, or whose name is taken, leaves
@@ -28,8 +28,9 @@ std::shared_ptr<cpptoml::base> find_element(const cpptoml::table &table, const c
 // The text of a string element; null for any other kind and for null.
 const std::string *string_text(const std::shared_ptr<cpptoml::base> &element);
 
-// Parses a file. Throws cpptoml::parse_exception, also when it nests deeper than the stack carries,
-// whose soft limit is raised to 64 MiB. A line may then have some 40,000 of the bytes "[", "{" and
+// Parses a file. Throws std::bad_alloc and cpptoml::parse_exception, also when it nests deeper than
+// the stack carries, whose soft limit is raised to 64 MiB. A line may then have some 40,000 of the
+// bytes "[", "{" and
 // ".", wherever they stand, and begin within some 10,000 arrays or more.
 std::shared_ptr<cpptoml::table> parse_toml(std::istream &file);
 

@@ -18,7 +18,7 @@ struct Move {
     int to_fd;
     std::string new_name;
     MoveRule rule;
-    const char *failure; // the line that reports it, but for the reason
+    const char *failure; // the line that reports it, without the reason
 };
 
 // In the order in which they are made. A metadata directory has an empty name where that of its

@@ -1,7 +1,7 @@
 // The holder of one item's list of metadata entries.
 //
 // Owns:   the library's list, made by the first load.
-// Errors: operations return false or null; none throws.
+// Errors: operations return false or null; lack of memory throws std::bad_alloc.
 #ifndef DELIVERY_ITEM_METADATA_H
 #define DELIVERY_ITEM_METADATA_H
 

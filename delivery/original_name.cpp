@@ -10,7 +10,7 @@ constexpr char original_name_key[] = "original filename";
 
 // Prints the entries where that is wanted. Returns the index of the last one with the key, or the
 // number of entries when none has it.
-uint64_t find_original_name(const ItemMetadata &list, bool prints) {
+uint64_t scan_entries(const ItemMetadata &list, bool prints) {
     uint64_t position = list.entry_count();
     for (uint64_t index = 0; index < list.entry_count(); ++index) {
         const metadata_v4_metadata_entry *entry = list.entry_at(index);
@@ -28,7 +28,7 @@ void store_name(const ItemContext &target, const char *name) {
     ItemMetadata list;
     if (!list.load_from_file(target, true))
         diag("Target meta load fail\n");
-    const uint64_t position = find_original_name(list, true);
+    const uint64_t position = scan_entries(list, true);
     const bool already = position < list.entry_count();
     diag("already=%u\n", already ? 1U : 0U);
     if (already)
@@ -42,7 +42,7 @@ void store_name(const ItemContext &target, const char *name) {
 } // namespace
 
 std::string original_name_in(const ItemMetadata &list, bool prints) {
-    const metadata_v4_metadata_entry *entry = list.entry_at(find_original_name(list, prints));
+    const metadata_v4_metadata_entry *entry = list.entry_at(scan_entries(list, prints));
     return entry == nullptr ? "" : entry->value;
 }
 

@@ -8,8 +8,8 @@
 //
 // Owns:   a context owns its texts and descriptors, a list its entries; both end with their
 //         destroy.
-// Errors: functions that return int give a negative number, unless they say otherwise. Those of a
-//         list throw std::bad_alloc.
+// Errors: functions that return int give a negative number, unless they say otherwise. Those
+//         that read or change a list throw std::bad_alloc.
 // Prints: nothing.
 //
 // Whoever can write into a watch folder can plant anything there. Nothing here follows a symbolic

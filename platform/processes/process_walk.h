@@ -10,8 +10,8 @@
 #include <sys/types.h>
 
 // The first two functions give the id of a process other than the service; 0 when there is none, -1
-// with errno when the process file system cannot be listed. Descriptors opened with O_PATH do not
-// count in any of the three.
+// with errno when the file cannot be identified or the process file system cannot be listed.
+// Descriptors opened with O_PATH do not count in any of the three.
 
 // A process that uses the file of an O_PATH descriptor: it, or one of its threads that has
 // descriptors of its own, has it open, mapped (even after close) or is executing it.
