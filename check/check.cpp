@@ -40,6 +40,8 @@ bool load_directory(const std::string &dir) {
     // something to discover.
     const std::string upload_root = dir + "/Upload/";
     std::error_code ignored;
+    if (dir == "ry-run" && !fs::exists(dir, ignored)) // from -dry-run
+        report(error, "", "there is no folder 'ry-run'; is --dry-run meant?");
     const bool has_play = fs::exists(fs::symlink_status(dir + "/Play", ignored));
     configuration = discover_watch_folders(upload_root, upload_root);
     for (auto &[name, entry] : configuration)

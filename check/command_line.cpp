@@ -2,7 +2,6 @@
 
 #include <iostream>
 #include <lyra/lyra.hpp>
-#include <unistd.h>
 
 std::optional<int> parse_check_command_line(int argc, const char *const *argv,
                                             CheckOptions &options) {
@@ -21,9 +20,7 @@ std::optional<int> parse_check_command_line(int argc, const char *const *argv,
         return 0;
     }
     std::string wrong = result.message();
-    if (options.dir == "ry-run" && access("ry-run", F_OK) != 0) // of -d, from -dry-run
-        wrong = "there is no folder 'ry-run'; is --dry-run meant?";
-    else if (!options.dir.empty() && !options.file.empty())
+    if (!options.dir.empty() && !options.file.empty())
         wrong = "Either a directory or a file";
     else if (options.load_only && options.dry_run)
         wrong = "Either --load or --dry-run";
