@@ -83,8 +83,8 @@ void delivery_service(benchmark::State &state) {
     const Replacement files(state.range(0));
     UniqueDir watch;
     std::unique_ptr<ItemContext> target;
-    measure_cpu(
-        state,
+    measure(
+        state, cpu_time,
         [&] {
             files.prepare();
             watch.reset(opendir(files.entry.watch_path.c_str()));
@@ -112,8 +112,8 @@ void measure_bare_delivery(benchmark::State &state, bool writes_lines) {
     const Replacement files(state.range(0));
     const std::string target_path = files.root / "target";
     UniqueFd watch(-1), target(-1);
-    measure_cpu(
-        state,
+    measure(
+        state, cpu_time,
         [&] {
             files.prepare();
             watch.reset(open_directory(AT_FDCWD, files.entry.watch_path.c_str()));

@@ -1,4 +1,5 @@
-// A pass over watch folders in which nothing matches, against a bare loop of the same system calls.
+// A pass over watch folders in which nothing matches, against a bare loop of the same system calls,
+// and one over folders in each of which a file waits.
 #include "base/handles.h"
 #include "benchmarks/measure.h"
 #include "config/watch_entry.h"
@@ -10,12 +11,13 @@
 #include <initializer_list>
 #include <sys/stat.h>
 #include <utility>
+#include <vector>
 
 namespace {
 
-// Fills the registry with entries whose folders hold files that do not match.
-struct IdleFolders : WorkFolder {
-    IdleFolders(int64_t entries, int64_t files) {
+// Fills the registry with entries that match *.mxf, whose folders hold empty files.
+struct Folders : WorkFolder {
+    Folders(int64_t entries, int64_t files, const std::string &extension) {
         main_path = root;
         configuration.clear();
         fs::create_directories(root / "target");
@@ -27,7 +29,7 @@ struct IdleFolders : WorkFolder {
             entry.patterns.emplace_back("\\.mxf$");
             fs::create_directories(entry.watch_path);
             for (int64_t k = 0; k < files; ++k)
-                write_text(fs::path(entry.watch_path) / (std::to_string(k) + ".txt"), "");
+                write_text(fs::path(entry.watch_path) / (std::to_string(k) + extension), "");
             configuration.emplace(entry.name, std::move(entry));
         }
     }
@@ -67,20 +69,41 @@ void bare_scan(const WatchEntry &entry, const char *target_directory) {
 }
 
 void pass_service(benchmark::State &state) {
-    const IdleFolders folders(state.range(0), state.range(1));
-    measure_cpu(
-        state, [] {}, check_watch_entries);
+    const Folders folders(state.range(0), state.range(1), ".txt");
+    measure(
+        state, cpu_time, [] {}, check_watch_entries);
 }
 
 void pass_floor(benchmark::State &state) {
-    const IdleFolders folders(state.range(0), state.range(1));
+    const Folders folders(state.range(0), state.range(1), ".txt");
     const std::string target = folders.root / "target";
-    measure_cpu(
-        state, [] {},
+    measure(
+        state, cpu_time, [] {},
         [&target] {
             for (const auto &item : configuration)
                 bare_scan(item.second, target.c_str());
         });
+}
+
+// One file in each folder. Each waits, since another process holds it.
+void pass_waiting_wall(benchmark::State &state) {
+    const Folders folders(state.range(0), 1, ".mxf");
+    std::vector<std::string> files;
+    for (const auto &[name, entry] : configuration)
+        files.push_back(entry.watch_path + "/0.mxf");
+    const Holder holder(files);
+    measure(
+        state, wall_time, [] {}, check_watch_entries);
+    for (const std::string &file : files)
+        if (!fs::exists(file))
+            state.SkipWithError("a held file was delivered");
+}
+
+// The same without a match.
+void pass_idle_wall(benchmark::State &state) {
+    const Folders folders(state.range(0), 1, ".txt");
+    measure(
+        state, wall_time, [] {}, check_watch_entries);
 }
 
 // Entries, files in each of their folders.
@@ -94,5 +117,7 @@ void sizes(benchmark::internal::Benchmark *benchmark) {
 
 BENCHMARK(pass_service)->Apply(sizes);
 BENCHMARK(pass_floor)->Apply(sizes);
+BENCHMARK(pass_waiting_wall)->Arg(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(pass_idle_wall)->Arg(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace
