@@ -3,9 +3,11 @@
 #include "base/handles.h"
 #include "benchmarks/measure.h"
 #include "delivery/deliver_file.h"
+#include "service/main_storage.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 namespace {
 
@@ -17,6 +19,7 @@ struct Replacement : WorkFolder {
         for (int64_t i = 1; i < entries; ++i)
             metadata += "key " + std::to_string(i) + "=some value\n";
         metadata += "original filename=morning.mxf\n";
+        main_path = root; // ARCHIVE has to lie below it
         entry.name = "event";
         entry.watch_path = root / "watch";
         entry.target_file = root / "target" / "news.mxf";
@@ -33,21 +36,27 @@ struct Replacement : WorkFolder {
     WatchEntry entry;
 };
 
-std::string read_metadata(int metadir) {
-    const UniqueFd fd(openat(metadir, "metadata", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+// Leaves the file open.
+std::string read_metadata(int metadir, UniqueFd &file) {
+    file.reset(openat(metadir, "metadata", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
-    fstat(fd.get(), &status);
+    fstat(file.get(), &status);
     std::string text(static_cast<size_t>(status.st_size) + 1, '\0');
-    text.resize(static_cast<size_t>(read(fd.get(), text.data(), text.size())));
+    text.resize(static_cast<size_t>(read(file.get(), text.data(), text.size())));
     char end = 0;
-    (void)!read(fd.get(), &end, 1);
+    (void)!read(file.get(), &end, 1);
     return text;
 }
 
-void write_metadata(int metadir, const std::string &text) {
+void write_metadata(int metadir, const UniqueFd &old_file, const std::string &text) {
+    unlinkat(metadir, ".new", 0);
     const UniqueFd fd(
         openat(metadir, ".new", O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    (void)!fchown(fd.get(), 0, 0);
+    struct stat status {};
+    fstat(old_file.get(), &status);
+    fstat(fd.get(), &status);
+    flistxattr(old_file.get(), nullptr, 0);
+    fremovexattr(fd.get(), "system.posix_acl_access");
     fchmod(fd.get(), 0644);
     (void)!write(fd.get(), text.data(), text.size());
     fsync(fd.get());
@@ -66,17 +75,19 @@ void bare_delivery(int watch, int target, const char *target_path) {
     fstatat(metadir.get(), ".media.item.active.socket", &status, AT_SYMLINK_NOFOLLOW);
     mkdirat(target, "ARCHIVE", 0755);
     UniqueFd archive(open_directory(target, "ARCHIVE"));
-    read_metadata(metadir.get());
+    UniqueFd old_file(-1);
+    read_metadata(metadir.get(), old_file);
     fstatat(archive.get(), "morning.mxf", &status, AT_SYMLINK_NOFOLLOW);
     renameat(target, "news.mxf", archive.get(), "morning.mxf");
     renameat(target, ".news.mxf.metadir", archive.get(), ".morning.mxf.metadir");
     archive.reset();
-    renameat(watch, new_name, target, "news.mxf");
+    renameat2(watch, new_name, target, "news.mxf", RENAME_NOREPLACE);
     renameat(watch, ".clip.mxf.metadir", target, ".news.mxf.metadir");
     const UniqueFd reopened(open_directory(AT_FDCWD, target_path));
     const UniqueFd delivered(openat(target, "news.mxf", O_PATH | O_NOFOLLOW | O_CLOEXEC));
     metadir.reset(open_directory(reopened.get(), ".news.mxf.metadir"));
-    write_metadata(metadir.get(), read_metadata(metadir.get()));
+    const std::string text = read_metadata(metadir.get(), old_file);
+    write_metadata(metadir.get(), old_file, text);
 }
 
 void delivery_service(benchmark::State &state) {

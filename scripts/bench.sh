@@ -41,11 +41,13 @@ stop_load() {
   load=
 }
 
-# Appends the medians of the benchmarks that match to the results: "LABEL NAME MICROSECONDS".
+# Appends the medians of the benchmarks that match to the results: "LABEL NAME MICROSECONDS". Repetitions of
+# all of them are mixed, so that a machine that is slow for a while is so for both sides of a ratio.
 measure() {
   local label=$1 filter=$2
   build-bench/benchmarks/benchmarks --benchmark_filter="$filter" --benchmark_min_time=0.1 \
     --benchmark_repetitions="$repetitions" --benchmark_report_aggregates_only=true \
+    --benchmark_enable_random_interleaving=true \
     --benchmark_format=csv 2>/dev/null 9>&- |
     awk -F, -v label="$label" '/_median/ { gsub(/"/, "", $1); sub(/\/manual_time_median/, "", $1)
       print label, $1, $3 }' >>"$results/all"
