@@ -81,6 +81,6 @@ bool check(const CheckOptions &options) {
     diag("Entries: %zu, errors: %zu, warnings: %zu\n", entries.size(), finding_count[error],
          finding_count[warning]);
     if (options.dry_run && !main_path.empty())
-        announce_pass(makes_play);
+        announce_pass(entries, makes_play);
     return finding_count[error] == 0;
 }

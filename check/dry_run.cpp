@@ -3,7 +3,6 @@
 #include "base/diagnostics.h"
 #include "base/handles.h"
 #include "check/finding.h"
-#include "config/watch_entry.h"
 #include "delivery/archive_name.h"
 #include "delivery/deliver_file.h"
 #include "delivery/delivery_plan.h"
@@ -138,9 +137,9 @@ string outcome(const WatchEntry &entry, bool makes_play, bool &acts) {
 
 // The last entry before this one that may change one of its folders, or a folder above one. Empty
 // when there is none.
-string find_earlier(const std::vector<fs::path> &folders, const std::map<string, string> &changed) {
-    for (const fs::path &folder : folders)
-        for (fs::path path = folder; path.has_relative_path(); path = path.parent_path())
+string find_earlier(const KnownEntry &known, const std::map<string, string> &changed) {
+    for (const DirectoryFacts *folder : {&known.watch, &known.target, &known.archive})
+        for (fs::path path = folder->path; path.has_relative_path(); path = path.parent_path())
             if (const auto found = changed.find(path); found != changed.end())
                 return found->second;
     return "";
@@ -148,22 +147,18 @@ string find_earlier(const std::vector<fs::path> &folders, const std::map<string,
 
 } // namespace
 
-void announce_pass(bool makes_play) {
+void announce_pass(const std::vector<KnownEntry> &entries, bool makes_play) {
     // By the real path of a folder, the last entry that acts there.
     std::map<string, string> changed;
-    for (const auto &[name, entry] : configuration) {
-        std::error_code failure;
-        const fs::path target = fs::path(entry.target_file).parent_path();
-        std::vector<fs::path> folders = {entry.watch_path, target, target / archive_directory};
-        for (fs::path &folder : folders)
-            folder = fs::weakly_canonical(folder, failure);
-        const string earlier = find_earlier(folders, changed);
+    for (const KnownEntry &known : entries) {
+        const string &name = known.entry->name;
+        const string earlier = find_earlier(known, changed);
         bool acts = !earlier.empty();
         const string text =
-            acts ? "depends on entry '" + earlier + "'" : outcome(entry, makes_play, acts);
+            acts ? "depends on entry '" + earlier + "'" : outcome(*known.entry, makes_play, acts);
         diag("Entry '%s': %s\n", visible(name).c_str(), visible(text).c_str());
-        for (const fs::path &folder : folders)
-            if (acts)
-                changed[folder] = name;
+        if (acts)
+            changed[known.watch.path] = changed[known.target.path] = changed[known.archive.path] =
+                name;
     }
 }

@@ -1,6 +1,6 @@
 #include "check/entry_rules.h"
 
-#include "base/handles.h"
+#include "base/open.h"
 #include "check/finding.h"
 #include "delivery/cppmetadir.h"
 #include "delivery/deliver_file.h"
@@ -19,15 +19,21 @@ namespace {
 namespace fs = std::filesystem;
 using std::string;
 
-DirectoryFacts collect_directory_facts(const char *what, const string &path) {
+// Others can make a link at what is planted.
+DirectoryFacts collect_directory_facts(const char *what, const string &path, bool is_planted) {
     DirectoryFacts facts;
     facts.configured = path;
     facts.name = what + (" '" + path + "' ");
-    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+    const UniqueFd fd = is_planted ? open_without_magic_links(AT_FDCWD, path.c_str(), flags)
+                                   : UniqueFd(open(path.c_str(), flags));
     struct statfs system {};
     const bool is_open = fd && fstatfs(fd.get(), &system) == 0;
     facts.open_error = is_open ? 0 : errno;
-    facts.path = procfs_fd_realpath(fd.get());
+    std::error_code ignored;
+    facts.path = is_open      ? procfs_fd_realpath(fd.get())
+                 : is_planted ? path
+                              : fs::weakly_canonical(path, ignored).string();
     const auto type = static_cast<uint32_t>(system.f_type);
     facts.is_remote = type == FUSE_SUPER_MAGIC || type == NFS_SUPER_MAGIC ||
                       type == CIFS_SUPER_MAGIC || type == SMB2_SUPER_MAGIC;
@@ -88,9 +94,10 @@ void report_chain(const KnownEntry &taker, const KnownEntry &giver) {
 KnownEntry collect_facts(const WatchEntry &entry) {
     const fs::path target = entry.target_file;
     const fs::path directory = target.has_parent_path() ? target.parent_path() : ".";
-    return {&entry, collect_directory_facts("watch path", entry.watch_path),
-            collect_directory_facts("target directory", directory),
-            collect_directory_facts("ARCHIVE directory", directory / archive_directory),
+    const auto watch = collect_directory_facts("watch path", entry.watch_path, false);
+    const auto place = collect_directory_facts("target directory", directory, false);
+    const string archive = place.path + "/" + archive_directory;
+    return {&entry, watch, place, collect_directory_facts("ARCHIVE directory", archive, true),
             target.filename()};
 }
 

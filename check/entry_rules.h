@@ -14,8 +14,8 @@
 struct DirectoryFacts {
     std::string configured;
     std::string name;       // what the lines call it: "watch path '/mnt/main/Upload/News' "
-    int open_error = 0;     // errno where it could not be opened; the rest is then not set
-    std::string path;       // where it really is
+    int open_error = 0;     // errno where it could not be opened
+    std::string path;       // where it really is, or would be
     bool is_remote = false; // on a file system of which others see another side
     int rename_error = 0;   // errno where names in it cannot be changed
 };

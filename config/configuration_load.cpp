@@ -19,21 +19,20 @@ std::string configuration_path = "/etc/vel4_watch_folder.toml";
 
 namespace {
 
-constexpr char event_prefix[] = "event";
 // Bytes. The parser and the matcher of patterns recurse.
 constexpr size_t wanted_stack = size_t{64} << 20;
 
 // What a level of recursion in the parser takes at most, bytes; that is with AddressSanitizer.
 constexpr size_t level_size = 1200;
 
-// Sets the soft limit of the stack, which the kernel reads as the stack grows, as far as the hard
-// limit allows. Returns it.
+// Raises the soft limit of the stack, which the kernel reads as the stack grows, as far as the hard
+// limit allows. Returns how much of it the parser may use.
 size_t raise_stack_limit() {
     rlimit limit{};
     getrlimit(RLIMIT_STACK, &limit);
-    limit.rlim_cur = std::min<rlim_t>(wanted_stack, limit.rlim_max);
+    limit.rlim_cur = std::max(limit.rlim_cur, std::min<rlim_t>(wanted_stack, limit.rlim_max));
     setrlimit(RLIMIT_STACK, &limit);
-    return limit.rlim_cur;
+    return std::min<rlim_t>(wanted_stack, limit.rlim_cur);
 }
 
 // Hands a text to the parser line by line. The parser recurses without a bound. When it asks for a
@@ -104,6 +103,20 @@ void add_event_array(cpptoml::table_array &tables) {
     }
 }
 
+// Each table is released when it has been added: the file and the registry need not be in memory as
+// a whole at once.
+void add_event_tables(cpptoml::table &root) {
+    for (auto &[key, slot] : root) {
+        const auto element = std::exchange(slot, nullptr);
+        if (key.compare(0, 5, "event") != 0 || element == nullptr)
+            continue;
+        if (key == "event" && element->is_table_array())
+            add_event_array(*element->as_table_array());
+        else if (element->is_table())
+            add_event_table(key, element->as_table());
+    }
+}
+
 } // namespace
 
 std::shared_ptr<cpptoml::base> find_element(const cpptoml::table &table, const char *key) {
@@ -149,30 +162,18 @@ bool load_configuration() {
         diag("%s: %s\n", configuration_path.c_str(), strerror(errno));
         return false;
     }
-    std::shared_ptr<cpptoml::table> root;
+    const char *path = configuration_path.c_str();
     try {
-        root = parse_file(configuration_path);
+        const auto root = parse_file(configuration_path);
+        if (root == nullptr)
+            diag("%s: did not return anything\n", path);
+        else
+            add_event_tables(*root);
+        return root != nullptr;
     } catch (const cpptoml::parse_exception &error) {
-        diag("%s: TOML parse error: %s\n", configuration_path.c_str(), error.what());
-        return false;
+        diag("%s: TOML parse error: %s\n", path, error.what());
     } catch (const std::exception &error) { // no memory
-        diag("%s: %s\n", configuration_path.c_str(), error.what());
-        return false;
+        diag("%s: %s\n", path, error.what());
     }
-    if (root == nullptr) {
-        diag("%s: did not return anything\n", configuration_path.c_str());
-        return false;
-    }
-    for (auto &[key, slot] : *root) {
-        // Each table is released when it has been added: the file and the registry need not be in
-        // memory as a whole at once.
-        const auto element = std::exchange(slot, nullptr);
-        if (key.compare(0, strlen(event_prefix), event_prefix) != 0 || element == nullptr)
-            continue;
-        if (key == event_prefix && element->is_table_array())
-            add_event_array(*element->as_table_array());
-        else if (element->is_table())
-            add_event_table(key, element->as_table());
-    }
-    return true;
+    return false;
 }

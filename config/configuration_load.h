@@ -14,8 +14,8 @@
 extern std::string configuration_path;
 
 // Adds the entries of the file at configuration_path to the registry, which it does not clear.
-// False, with the registry as it was, when the file cannot be examined or parsed; true otherwise,
-// also when there was nothing to add. Throws std::bad_alloc while it adds entries.
+// False, with the registry as it was, when the file cannot be examined or parsed, or with a part of
+// the entries for lack of memory; true otherwise, also when there was nothing to add.
 [[nodiscard]] bool load_configuration();
 
 // Adds one event table under this name. A table that is not valid, or whose name is taken, leaves

@@ -17,12 +17,11 @@
 
 namespace {
 
-bool is_set(const char *text) {
-    return text != nullptr && *text != '\0';
-}
-
 bool is_location_complete(const ItemContext &target) {
-    return is_set(target.dir_path()) && is_set(target.file_name()) && target.dir_fd() >= 0;
+    const char *directory = target.dir_path();
+    const char *file = target.file_name();
+    return directory != nullptr && *directory != '\0' && file != nullptr && *file != '\0' &&
+           target.dir_fd() >= 0;
 }
 
 // Reports the reason.
@@ -60,7 +59,8 @@ std::string choose_archive_name(int archive_fd, const ItemContext &target) {
 
 bool is_still_there(const Move &move) {
     struct stat status {};
-    return fstatat(move.from_fd, move.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    return fstatat(move.from_fd, move.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 ||
+           errno != ENOENT;
 }
 
 bool rename_item(const Move &move) {
@@ -79,9 +79,10 @@ bool rename_item(const Move &move) {
 bool carry_out(const Move &move) {
     if (move.name.empty() || move.new_name.empty() || rename_item(move))
         return true;
-    if (errno == ENOENT && (move.rule != MoveRule::must_be_gone || !is_still_there(move)))
+    const int error = errno;
+    if (error == ENOENT && (move.rule != MoveRule::must_be_gone || !is_still_there(move)))
         return true;
-    diag("%s, %s\n", move.failure, strerror(errno));
+    diag("%s, %s\n", move.failure, strerror(error));
     return false;
 }
 

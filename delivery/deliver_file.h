@@ -10,8 +10,9 @@
 
 constexpr char archive_directory[] = "ARCHIVE";
 
-// Opens the archive directory beside the target. One that a link leads out of the main storage is
-// not used: EXDEV. A failure leaves errno.
+// Opens the archive directory beside the target. One that does not lie below the main storage, or
+// of which that cannot be told, is not used: EXDEV; nor is one behind a magic link: ELOOP. A
+// failure leaves errno.
 UniqueFd open_archive(int target_fd);
 
 // Why a file waits.

@@ -107,8 +107,8 @@ int metadata_v4_metadata_context_load_metadata_from_file(metadata_v4_metadata_co
 
 // Replaces the metadata file of the context to which the list is bound: at every instant, a crash
 // included, the old or the new one is there, whole. Entries that were not changed are written as
-// they were read. An existing file's mode, access list and user attributes are kept, and its owner
-// and group where they may be set; where the list may not, the group loses its rights. A new file
+// they were read. An existing file's mode and access list are kept, and its owner, group and user
+// attributes where they may be set; where the list may not, the group loses its rights. A new file
 // takes mode, owner and group from the directory. On failure the old file stands and no temporary
 // file is left.
 int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_context *list,

@@ -60,20 +60,23 @@ UniqueFd open_metadata(int metadir_fd) {
     }
 }
 
-// Copies the access list and the attributes of users. True when the new file has all of them.
+// Copies the access list, and the attributes of users as far as they may be set. True when the new
+// file has the list of the old one, or none as that.
 bool copy_attributes(int from, int to) {
-    std::string names(XATTR_LIST_MAX, '\0');
-    std::string value(XATTR_SIZE_MAX, '\0');
-    bool has_all = flistxattr(from, names.data(), names.size()) >= 0 || errno == ENOTSUP;
+    char names[XATTR_LIST_MAX];
+    char value[XATTR_SIZE_MAX];
+    const ssize_t length = flistxattr(from, names, sizeof(names));
+    bool has_list = length >= 0 || errno == ENOTSUP;
     fremovexattr(to, access_list); // one that it got from its directory
-    for (const char *name = names.data(); *name != '\0'; name += strlen(name) + 1) {
-        if (strcmp(name, access_list) != 0 && strncmp(name, "user.", 5) != 0)
+    for (const char *name = names; name < names + length; name += strlen(name) + 1) {
+        const bool is_list = strcmp(name, access_list) == 0;
+        if (!is_list && strncmp(name, "user.", 5) != 0)
             continue;
-        const ssize_t size = fgetxattr(from, name, value.data(), value.size());
-        has_all = size >= 0 &&
-                  fsetxattr(to, name, value.data(), static_cast<size_t>(size), 0) == 0 && has_all;
+        const ssize_t size = fgetxattr(from, name, value, sizeof(value));
+        if (size < 0 || fsetxattr(to, name, value, static_cast<size_t>(size), 0) != 0)
+            has_list = has_list && !is_list;
     }
-    return has_all;
+    return has_list;
 }
 
 // Gives the new file the rights of the old one. Where there is none, it is readable to whom the

@@ -100,6 +100,7 @@ bool has_open(const Search &wanted, const std::string &task) {
 
 enum class Memory {
     none, // a kernel thread, or it has ended
+    refused,
     without_file,
     with_file
 };
@@ -116,10 +117,14 @@ Memory look_at_memory(const Search &wanted, const std::string &task) {
     if (!wanted.can_be_mapped)
         return Memory::without_file;
     const UniqueFile mappings(fopen(("/proc/" + task + "/maps").c_str(), "re"));
-    if (mappings == nullptr && has_ended(errno))
-        return Memory::none;
-    if (mappings == nullptr) // where it is refused, so are the descriptors
-        return is_refusal(errno) ? Memory::without_file : Memory::with_file;
+    // The kernel lets anybody open maps of a task without memory. A refusal therefore means memory
+    // that we may not see. A refusal of exe can have other causes.
+    if (mappings == nullptr && is_refusal(errno)) {
+        report_blindness(task.c_str(), errno);
+        return Memory::refused;
+    }
+    if (mappings == nullptr)
+        return has_ended(errno) ? Memory::none : Memory::with_file;
     return maps_file(mappings.get(), wanted.identity_in_maps, wanted.is_on_overlay)
                ? Memory::with_file
                : Memory::without_file;
@@ -146,6 +151,8 @@ bool another_thread_uses(const Search &wanted, const char *process, bool memory_
 
 bool uses_file(const Search &wanted, const char *process) {
     const Memory state = look_at_memory(wanted, process);
+    if (state == Memory::refused)
+        return false; // its descriptors are refused as well
     // A task without an address space has no open files.
     return state == Memory::with_file || (state != Memory::none && has_open(wanted, process)) ||
            another_thread_uses(wanted, process, state != Memory::none);
@@ -199,6 +206,14 @@ pid_t find_process_with_open_file(const FileIdentity &file) {
 }
 
 bool service_has_open(int path_fd) {
-    Search wanted{};
-    return !identify(path_fd, "", wanted.file) || has_open(wanted, "/proc/self");
+    FileIdentity file{};
+    const UniqueFd descriptors = open_directory(AT_FDCWD, "/proc/self/fd");
+    if (!descriptors || !identify(path_fd, "", file))
+        return true;
+    return any_number(descriptors.get(), [&](const char *number) {
+        FileIdentity open_file{};
+        const int fd = to_pid(number);
+        return identify(fd, "", open_file) && open_file == file &&
+               (fcntl(fd, F_GETFL) & O_PATH) == 0;
+    });
 }
