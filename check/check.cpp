@@ -52,7 +52,7 @@ bool load_directory(const std::string &dir) {
 void judge_disk(const std::vector<KnownEntry> &entries) {
     if (main_path.empty())
         report(error, "", "the main storage '/mnt/main' is not there, paths below are not judged");
-    if (looks_like(main_path, "^/(home|root|run/user)(/|$)"))
+    if (RegexState("^/(home|root|run/user)(/|$)").matches(main_path.c_str()))
         report(warning, "", "the unit sees " + main_path + " read-only: set ProtectHome=no for it");
     for (auto later = entries.begin(); later != entries.end(); ++later) {
         judge_entry(*later);

@@ -93,7 +93,7 @@ void judge_pattern(const string &entry, const string &text) {
     if (!pattern.is_ready())
         report(error, entry, about + "does not compile: " + pattern.error);
     string effect = advice_for(text, odd_patterns), meant;
-    if (looks_like(text, extension_list))
+    if (RegexState(extension_list).matches(text.c_str()))
         meant = meant_by_list(pattern, effect);
     else if (effect == of_a_shell)
         meant = from_shell(text);
@@ -126,7 +126,7 @@ void judge_table(const string &entry, const cpptoml::table &table) {
         for (const string &text : texts)
             if (key == pattern_key)
                 judge_pattern(entry, text);
-            else if (looks_like(text, odd_path))
+            else if (RegexState(odd_path).matches(text.c_str()))
                 report(warning, entry,
                        "'" + text + "': blanks, quotes and ~$*,;:\\ stand for themselves");
     }

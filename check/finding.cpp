@@ -1,7 +1,6 @@
 #include "check/finding.h"
 
 #include "base/diagnostics.h"
-#include "config/regexstate.h"
 
 #include <cstdio>
 
@@ -27,8 +26,4 @@ std::string visible(const std::string &text) {
 void replace_all(std::string &text, const std::string &old_part, const std::string &new_part) {
     for (size_t at = 0; (at = text.find(old_part, at)) != std::string::npos; at += new_part.size())
         text.replace(at, old_part.size(), new_part);
-}
-
-bool looks_like(const std::string &text, const char *expression) {
-    return RegexState(expression).matches(text.c_str());
 }

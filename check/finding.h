@@ -4,6 +4,8 @@
 #ifndef CHECK_FINDING_H
 #define CHECK_FINDING_H
 
+#include "config/regexstate.h"
+
 #include <string>
 
 // An error keeps the entry from working. A warning is something that its owner may not expect.
@@ -20,15 +22,12 @@ std::string visible(const std::string &text);
 
 void replace_all(std::string &text, const std::string &old_part, const std::string &new_part);
 
-// Does the regular expression match anywhere in the text, regardless of case? Both end at a NUL.
-bool looks_like(const std::string &text, const char *expression);
-
 // A table of mistakes: in each row a regular expression that matches a text with the mistake, and
 // the advice. Returns the advice of the first row that matches, "" when none does.
 template<size_t n>
 std::string advice_for(const std::string &text, const char *const (&mistakes)[n][2]) {
     for (const auto &[looks, advice] : mistakes)
-        if (looks_like(text, looks))
+        if (RegexState(looks).matches(text.c_str()))
             return advice;
     return "";
 }

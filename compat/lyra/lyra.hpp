@@ -18,12 +18,8 @@ namespace lyra {
 
 // The arguments of main. Copies them.
 struct args {
-    args(int argc, const char *const *argv) {
-        if (argc > 0)
-            exe_name = argv[0];
-        for (int i = 1; i < argc; ++i)
-            arguments.emplace_back(argv[i]);
-    }
+    args(int argc, const char *const *argv)
+        : exe_name(argc > 0 ? argv[0] : ""), arguments(argv + (argc > 0 ? 1 : 0), argv + argc) {}
     std::string exe_name;
     std::vector<std::string> arguments;
 };
@@ -59,9 +55,7 @@ struct opt {
         std::string text;
         for (const std::string &name : names_)
             text += (text.empty() ? "" : separator) + name;
-        if (!text.empty() && !hint_.empty())
-            text += " ";
-        return hint_.empty() ? text : text + "<" + hint_ + ">";
+        return hint_.empty() ? text : text + (text.empty() ? "<" : " <") + hint_ + ">";
     }
 
     bool *flag_ = nullptr;
@@ -87,11 +81,6 @@ inline opt help(bool &flag) {
 // each accepted once.
 class cli {
 public:
-    cli &add_argument(const opt &option) {
-        options_.push_back(option);
-        return *this;
-    }
-
     // Sets the bound variables from left to right; those before a faulty argument stay set.
     parse_result parse(const args &given) {
         exe_name_ = given.exe_name.substr(given.exe_name.find_last_of("/\\") + 1);
@@ -102,6 +91,7 @@ public:
     }
 
 private:
+    friend cli operator|(cli parser, const opt &option);
     friend std::ostream &operator<<(std::ostream &, const cli &);
 
     // The first option of that name that has not been given yet, or null. Without a name, the first
@@ -176,7 +166,8 @@ private:
 };
 
 inline cli operator|(cli parser, const opt &option) {
-    return std::move(parser.add_argument(option));
+    parser.options_.push_back(option);
+    return parser;
 }
 
 // The usage text of a parser, with the program name of its last parse.

@@ -70,7 +70,7 @@ int metadata_v4_context_set_file_location(metadata_v4_context *context, const ch
     const char *name = slash == nullptr ? path : slash + 1;
     char metadir[NAME_MAX + 1];
     const bool has_metadir = metadata_v4_file_to_metadir(metadir, sizeof(metadir), name) >= 0;
-    if (!has_metadir && errno == EINVAL)
+    if (*name == '\0' || strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
         return -1; // no last component
     // "/name" lies in "/", a bare name in the working directory.
     context->dir_path = slash == nullptr ? strdup(".")

@@ -1,6 +1,5 @@
 #include "platform/include/metadata_v4.h"
 
-#include <cerrno>
 #include <climits>
 #include <string_view>
 
@@ -35,15 +34,10 @@ std::string_view file_of(std::string_view metadir) {
     return is_file_name(name) ? name : std::string_view();
 }
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
 // Writes the texts one after another and a NUL.
 template<typename... Texts> int put(char *buffer, size_t size, Texts... texts) {
     if ((texts.size() + ... + 1) > size)
-        return fail(ERANGE);
+        return -1;
     ((buffer += texts.copy(buffer, texts.size())), ...);
     *buffer = '\0';
     return 0;
@@ -53,17 +47,15 @@ template<typename... Texts> int put(char *buffer, size_t size, Texts... texts) {
 
 int metadata_v4_file_to_metadir(char *buffer, size_t size, const char *path) {
     const auto [directory, name] = split(path);
-    if (!is_file_name(name))
-        return fail(EINVAL);
-    if (prefix.size() + name.size() + suffix.size() > NAME_MAX)
-        return fail(ENAMETOOLONG);
+    if (!is_file_name(name) || prefix.size() + name.size() + suffix.size() > NAME_MAX)
+        return -1;
     return put(buffer, size, directory, prefix, name, suffix);
 }
 
 int metadata_v4_metadir_to_file(char *buffer, size_t size, const char *path) {
     const auto [directory, name] = split(path);
     const std::string_view file = file_of(name);
-    return file.empty() ? fail(EINVAL) : put(buffer, size, directory, file);
+    return file.empty() ? -1 : put(buffer, size, directory, file);
 }
 
 int metadata_v4_context_is_metadata_name(const char *name) {
