@@ -9,7 +9,7 @@ cd "$(dirname "$(realpath "$0")")/.."
 install_packages "${test_packages[@]}" clang libclang-rt-dev
 seconds=${1:-10}
 shift || true
-[ $# -gt 0 ] || set -- metadata configuration_file command_line
+[ $# -gt 0 ] || set -- metadata configuration_file
 folder=build-fuzz
 # All else is built with it: for .ci/run this is the build with Clang.
 build_in "$folder" --preset fuzz

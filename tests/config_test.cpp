@@ -4,18 +4,34 @@
 #include "config/watch_entry.h"
 #include "tests/support.h"
 
-// The registry, as its entries print themselves.
+// The registry: keys, paths and patterns.
 std::string entries() {
-    const auto print = [] {
-        for (const auto &[key, entry] : configuration)
-            entry.print(stdout);
-    };
-    return output_of(print, STDOUT_FILENO);
+    std::string all;
+    for (const auto &[key, entry] : configuration) {
+        all += key + " " + entry.watch_path + " " + entry.target_file;
+        for (const RegexState &state : entry.patterns)
+            all += " " + state.pattern;
+        all += "\n";
+    }
+    return all;
 }
 
-std::string entry(const std::string &name) {
-    return "Entry '" + name + "'\n  Watch:      'w'\n  Target:     't'\n";
+// Loads a text, in which '@' stands for the lines of both paths. Returns what
+// is printed.
+std::string load(const std::string &text) {
+    const std::regex at("@");
+    const char *paths = "'watch path' = 'w'\n'target file' = 't'\n";
+    const TemporaryTree tree{{"c.toml", std::regex_replace(text, at, paths)}};
+    write_file("good", std::string("[event]\n") + paths);
+    mkfifo("fifo", 0600); // with nobody who writes: an open would wait for ever
+    configuration_path = text.empty() ? "gone" : "c.toml";
+    configuration.clear();
+    return output_of([] { (void)load_configuration(); });
 }
+
+// Levels that fit, and that are too deep.
+constexpr size_t fits = 41900, deep = 100000;
+const std::string too_deep = "nested too deep\n";
 
 std::string repeat(const char *text, size_t times) {
     std::string repeated;
@@ -24,67 +40,48 @@ std::string repeat(const char *text, size_t times) {
     return repeated;
 }
 
-const std::string numbered = entry("eventarrayitem1"), too_deep = "nested too deep\n";
-constexpr size_t fits = 41900, is_too_deep = 100000; // levels
-
-// In a file '@' stands for the lines of both paths. The line is part of what the loader prints, the
-// entries are those of the registry afterwards.
+// The line is part of what the loader prints, the entries are those of the
+// registry afterwards.
 const struct LoadCase {
     const char *name;
     std::string file, line, entries = {};
 } load_cases[] = {
     {"NoFile", "", "gone: No such file or directory\n"},
     {"Fifo", "-> fifo", "c.toml: TOML parse error: not a regular file\n"},
-    {"LinkToAFile", "-> good", "section 'event'\n", entry("event")},
+    {"LinkToAFile", "-> good", "section 'event'\n", "event w t\n"},
     {"Nothing", "[even]\n@[Event1]\n@[my_event]\n@[[eventlist]]\n@", "||"},
-    {"Patterns", "[events]\n'match pattern' = ['b', 'a']\n@", "section",
-     entry("events") + "  Match pattern:\n    Pattern:       'b'\n    Ready:         Yes \n"
-                       "  Match pattern:\n    Pattern:       'a'\n    Ready:         Yes \n"},
-    {"NoPattern", "[event]\n'match pattern' = 5\n@[event.sub]\n@", "section", entry("event")},
-    {"NumberedArray", "[[event]]\n[[event]]\n@", "table array\nWarning: Invalid", numbered},
-    {"NumberForPath", "[event]\n'target file' = 't'\n'watch path' = 5", "Entry 'event'\n  Watch:"},
-    {"BadPattern", "[event]\n'match pattern' = '('\n@", "Unable to compile regex. Error="},
-    {"TakenName", "[[event]]\n[[event]]\n@[eventarrayitem1]\n@", "Warning: Duplicate", numbered},
+    {"Patterns", "[event]\n'match pattern' = ['b', 'a']\n@", "section", "event w t b a\n"},
+    {"NoPattern", "[event]\n'match pattern' = 5\n@[event.sub]\n@", "section", "event w t\n"},
+    {"NumberedArray", "[[event]]\n[[event]]\n@", "Warning: Invalid", "eventarrayitem1 w t\n"},
+    {"NumberForPath", "[event]\n'target file' = 't'\n'watch path' = 5", "Invalid section"},
+    {"TakenName", "[[event]]\n@[eventarrayitem0]\n@", "Duplicate", "eventarrayitem0 w t\n"},
     {"NulInAPath", "[event]\n'watch path' = \"\\u0000x\"\n'target file' = 't'", "Invalid section"},
-    {"BadEscape", "[event]\n'match pattern' = 'C:\\media\\upload'\n@", "regex. Error="},
-    {"DeepArrays", "[event]\n@x=" + repeat("[", fits) + repeat("]", fits), "section",
-     entry("event")},
-    {"DeepTables", "[event]\n@x=" + repeat("{a=", fits) + "1" + repeat("}", fits), "section",
-     entry("event")},
+    {"BadEscape", "[event]\n'match pattern' = ['a', 'C:\\media\\upload']\n@",
+     "Warning: Invalid section 'event'\nEntry 'event'\n  Watch:      'w'\n  Target:     't'\n"
+     "  Match pattern:\n    Pattern:       'a'\n    Ready:         Yes \n  Match pattern:\n"
+     "    Pattern:       'C:\\media\\upload'\n    Ready:         No Unable to compile regex. "
+     "Error="},
+    {"DeepArrays", "x=" + repeat("[", fits) + repeat("]", fits), "||"},
+    {"DeepTables", "x=" + repeat("{a=", fits) + "1" + repeat("}", fits), "||"},
     {"DeepSection", "[event" + repeat(".a", fits) + "]", "Invalid"},
     {"DeepKey", "[event]\na" + repeat(".a", fits) + "=1\n", "Invalid"},
-    {"DeepEachOther", "x=" + repeat("[{a=", fits / 2) + "1" + repeat("}]", fits / 2), "||"},
-    {"ArraysTooDeep", "x=" + repeat("[", is_too_deep) + repeat("]", is_too_deep), too_deep},
-    {"LinesTooDeep", "x=" + repeat("[\n", is_too_deep) + repeat("]", is_too_deep), too_deep},
-    {"TablesTooDeep", "x=" + repeat("{a=", is_too_deep), too_deep},
-    {"SectionTooDeep", "[event" + repeat(".a", is_too_deep) + "]", too_deep},
-    {"KeyTooDeep", "a" + repeat(".a", is_too_deep) + "=1", too_deep},
+    {"ArraysTooDeep", "x=" + repeat("[", deep) + repeat("]", deep), too_deep},
+    {"LinesTooDeep", "x=" + repeat("[\n", deep) + repeat("]", deep), too_deep},
+    {"TablesTooDeep", "x=" + repeat("{a=", deep), too_deep},
+    {"KeyTooDeep", "a" + repeat(".a", deep) + "=1", too_deep},
 };
 
-void check_load(const LoadCase &row) {
-    const std::string paths = "'watch path' = 'w'\n'target file' = 't'\n";
-    const TemporaryTree tree{{"c.toml", std::regex_replace(row.file, std::regex("@"), paths)},
-                             {"good", "[event]\n" + paths}};
-    mkfifo("fifo", 0600); // with nobody who writes: an open would wait for ever
-    configuration_path = row.file.empty() ? "gone" : "c.toml";
-    configuration.clear();
-    const std::string lines = output_of([] { (void)load_configuration(); });
-    EXPECT_TRUE(has("|" + lines + "|", row.line));
+const bool registered = register_rows("Load", load_cases, [](const LoadCase &row) {
+    EXPECT_TRUE(has("|" + load(row.file) + "|", row.line));
     EXPECT_EQ(entries(), row.entries);
-}
-
-const bool registered = register_rows("Load", load_cases, check_load);
+});
 
 TEST(Load, TakesTwentyThousandPatternsAndSections) {
-    const std::string paths = "'watch path' = 'w'\n'target file' = 't.mxf'\n";
-    std::string file = "x = ''' '''\n[event]\n'match pattern' = [" +
-                       repeat("'^news[0-9]_12\\.mxf$', ", 20000) + "]\n" + paths;
+    std::string text = "x = ''' '''\n[event]\n'match pattern' = [" +
+                       repeat("'^news[0-9]_12\\.mxf$', ", 20000) + "]\n@";
     for (int i = 0; i < 20000; ++i)
-        file += "['event" + std::to_string(i) + "']\n'match pattern' = '[.]mxf$'\n" + paths;
-    const TemporaryTree tree{{"c.toml", file}};
-    configuration_path = "c.toml";
-    configuration.clear();
-    output_of([] { (void)load_configuration(); });
+        text += "['event" + std::to_string(i) + "']\n'match pattern' = '[.]mxf$'\n@";
+    load(text);
     EXPECT_EQ(configuration.size(), 20001U);
     EXPECT_EQ(configuration["event"].patterns.size(), 20000U);
 }
@@ -95,24 +92,20 @@ TEST(Regex, ALetterThatIsNoEscapeStandsForItself) {
 
 // The matcher recurses. The loader has seen to its stack.
 TEST(Regex, APatternThatRecursesDeepEndsNothing) {
-    const TemporaryTree tree{{"c.toml", "[event]\n'watch path' = 'w'\n'target file' = 't'\n"
-                                        "'match pattern' = '^(.(?:x?\?){500}(?1)?)!$'"}};
-    configuration_path = "c.toml";
-    configuration.clear();
-    output_of([] { (void)load_configuration(); });
+    load("[event]\n@'match pattern' = '^(.(?:x?\?){500}(?1)?)!$'");
     EXPECT_FALSE(configuration["event"].matches("!" + std::string(253, 'a')));
 }
 
 TEST(Discovery, EveryItemIsAnEntry) {
-    const TemporaryTree tree{
-        {"a/Upload/", ""}, {"b/Upload/.x/y", ""}, {"c/Upload/z", ""}, {"c/Play", "x"}};
+    const TemporaryTree tree{{"a/Upload/", ""}, {"b/Upload/.x/y", ""}, {"c/Upload/z", ""}};
+    write_file("c/Play", "x");
     const std::string lines = output_of([] {
         for (const char *dir : {"gone", "a", "c", "b"})
             configuration = build_directory_configuration(dir);
     });
     EXPECT_EQ(lines, "Warning: cannot list 'gone/Upload/', No such file or directory\n"
                      "Warning: cannot create 'c/Play/', File exists\n");
-    EXPECT_EQ(entries(), "Entry 'event0'\n  Watch:      'b/Upload/.x'\n  Target:     'b/Play/.x'\n"
-                         "  Match pattern:\n    Pattern:       ''\n    Ready:         Yes \n");
-    EXPECT_TRUE(fs::is_directory("b/Play") && !fs::exists("a/Play"));
+    EXPECT_EQ(entries(), "event0 b/Upload/.x b/Play/.x \n");
+    EXPECT_TRUE(fs::is_directory("b/Play"));
+    EXPECT_FALSE(fs::exists("a/Play"));
 }

@@ -1,11 +1,11 @@
-// What the tests share: rows, temporary trees, output, sockets, other processes.
+// What the tests share: rows, temporary trees, output, sockets, other
+// processes.
 #ifndef TESTS_SUPPORT_H
 #define TESTS_SUPPORT_H
 
 #include "base/handles.h"
 
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -46,8 +46,8 @@ inline std::string read_file(const fs::path &path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// Writes a file, and makes the folders above it. The text "-> PATH" makes a symbolic link to PATH
-// instead; a name that ends in a slash, an empty folder.
+// Writes a file, and makes the folders above it. The text "-> PATH" makes a
+// symbolic link to PATH instead; a name that ends in a slash, an empty folder.
 inline void write_file(const fs::path &path, const std::string &text) {
     fs::create_directories(fs::absolute(path).parent_path());
     if (text.compare(0, 3, "-> ") == 0)
@@ -58,9 +58,8 @@ inline void write_file(const fs::path &path, const std::string &text) {
 
 // Is the part in the text? Prints both; a long text would hide the part.
 inline testing::AssertionResult has(const std::string &text, const std::string &part) {
-    return testing::AssertionResult(text.find(part) != std::string::npos) << "looked for:\n"
-                                                                          << part << "\nin:\n"
-                                                                          << text.substr(0, 2000);
+    const std::string both = "looked for:\n" + part + "\nin:\n" + text.substr(0, 2000);
+    return testing::AssertionResult(text.find(part) != std::string::npos) << both;
 }
 
 // Paths with their contents, as write_file() takes them.
@@ -85,7 +84,8 @@ inline FileTree tree_of(const fs::path &root) {
     return files;
 }
 
-// A new folder, which becomes the working folder, removed with all that is in it.
+// A new folder, which becomes the working folder, removed with all that is in
+// it.
 struct TemporaryTree {
     explicit TemporaryTree(std::initializer_list<FileTree::value_type> files = {}) {
         std::string name = (fs::temp_directory_path() / "watch-folder-test-XXXXXX").string();
@@ -101,15 +101,14 @@ inline auto open_descriptors() {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
 }
 
-// Returns what a function writes to a descriptor. The function must leave none open.
-template<typename Run> std::string output_of(Run run, int fd = STDERR_FILENO) {
-    const UniqueFd saved(dup(fd)), memory(memfd_create("output", MFD_CLOEXEC));
-    fflush(nullptr);
-    dup2(memory.get(), fd);
+// Returns what a function writes to a descriptor. The function must leave none
+// open.
+template<typename Run> std::string output_of(Run run) {
+    const UniqueFd saved(dup(STDERR_FILENO)), memory(memfd_create("output", MFD_CLOEXEC));
+    dup2(memory.get(), STDERR_FILENO);
     const auto before = open_descriptors();
     run();
-    fflush(nullptr);
-    dup2(saved.get(), fd);
+    dup2(saved.get(), STDERR_FILENO);
     EXPECT_EQ(open_descriptors(), before);
     return read_file("/proc/self/fd/" + std::to_string(memory.get()));
 }
@@ -123,37 +122,36 @@ inline UniqueFd bound_socket(const std::string &path, int type) {
     return fd;
 }
 
-// A child that runs `start`, which may execute a program, and then `then` again and again until it
+// A child that runs `start`, which may execute a program, and is there until it
 // is destroyed.
 struct ChildProcess {
-    template<typename Start, typename Then = int (*)()>
-    explicit ChildProcess(Start start, Then then = pause) {
+    explicit ChildProcess(const std::function<void()> &start) {
         int ready[2] = {-1, -1};
         EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
         const UniqueFd reader(ready[0]);
         if ((pid = fork()) < 0)
             abort(); // kill(-1) would reach every process
         if (pid == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL); // also where the test is ended from outside
-            [&]() noexcept {                  // an exception ends the child
-                start();
-                close(ready[1]);
-                while (true)
-                    then();
-            }();
+            // Also where the test is ended from outside.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            [&]() noexcept { start(); }(); // an exception ends the child
+            close(ready[1]);
+            while (true)
+                pause();
         }
         close(ready[1]);
-        EXPECT_EQ(read(ready[0], ready, 1), 0); // start() has returned, or executes, or has ended
+        // start() has returned, or executes, or has ended.
+        EXPECT_EQ(read(ready[0], ready, 1), 0);
     }
     ~ChildProcess() {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
-    // The exit status, or the signal that killed it. With WNOHANG, -1 until it has ended.
-    int status(int options = 0) const {
+    // The exit status, or the signal that killed it.
+    int status() const {
         siginfo_t end{};
-        waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOWAIT | options);
-        return end.si_pid == 0 ? -1 : end.si_status;
+        waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOWAIT);
+        return end.si_status;
     }
     pid_t pid;
 };
