@@ -72,13 +72,14 @@ bool check(const CheckOptions &options) {
         load_file(configuration_path);
     const bool makes_play = !options.dir.empty() && load_directory(options.dir);
     std::vector<KnownEntry> entries;
-    for (const auto &[name, entry] : configuration)
-        entries.push_back(collect_facts(entry));
-    if (entries.empty())
+    if (!options.load_only)
+        for (const auto &[name, entry] : configuration)
+            entries.push_back(collect_facts(entry));
+    if (configuration.empty())
         report(error, "", "nothing to watch: a file needs [event...], a tree folders in Upload/");
     if (!options.load_only)
         judge_disk(entries);
-    diag("Entries: %zu, errors: %zu, warnings: %zu\n", entries.size(), finding_count[error],
+    diag("Entries: %zu, errors: %zu, warnings: %zu\n", configuration.size(), finding_count[error],
          finding_count[warning]);
     if (options.dry_run && !main_path.empty())
         announce_pass(entries, makes_play);

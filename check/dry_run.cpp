@@ -1,7 +1,6 @@
 #include "check/dry_run.h"
 
 #include "base/diagnostics.h"
-#include "base/handles.h"
 #include "check/finding.h"
 #include "delivery/archive_name.h"
 #include "delivery/deliver_file.h"

@@ -156,6 +156,6 @@ void explain_syntax(const string &path, const string &message) {
     for (size_t n = 0; n < number; ++n)
         std::getline(lines, line);
     const string advice = advice_for(line + "\n" + message, syntax_mistakes);
-    line = number == 0 ? "" : " '" + line + "'";
+    line = number == 0 ? "" : " '" + line.substr(0, 200) + "'";
     report(error, "", message + line + (advice.empty() ? "" : ": " + advice));
 }

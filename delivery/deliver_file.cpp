@@ -1,7 +1,6 @@
 #include "delivery/deliver_file.h"
 
 #include "base/diagnostics.h"
-#include "base/handles.h"
 #include "base/open.h"
 #include "delivery/archive_name.h"
 #include "delivery/delivery_plan.h"
@@ -127,6 +126,8 @@ void deliver_file(DIR *watch_dir, const char *name, ItemContext &target, const W
     if (!file_archived || !metadata_archived)
         return;
     const bool is_delivered = carry_out(plan.new_file);
+    if (!is_delivered && errno == EEXIST)
+        return; // the metadata stays with its file
     carry_out(plan.new_metadata);
     if (is_delivered)
         record_original_name(target, name);

@@ -1,7 +1,6 @@
 // The platform layer: is a file in use, does anybody serve a socket? Other
 // processes hold files in every way there is.
 #include "platform/include/procfs.h"
-#include "platform/processes/proc_tables.h"
 #include "tests/support.h"
 
 #include <linux/netlink.h>
@@ -99,12 +98,6 @@ void expect_answers(const WayToHold &way) {
 
 const bool registered = register_rows("InUse", ways, expect_answers);
 
-TEST(InUse, NotWhereAPathLeadsToNoFile) {
-    EXPECT_EQ(in_use("/etc/passwd/x"), 0);
-    EXPECT_EQ(in_use(std::string(300, 'n')), 0);
-    EXPECT_EQ(in_use(std::string(5000, '/') + "etc/passwd"), 1) << "too long to be asked about";
-}
-
 TEST(InUse, NotWhenAScannerHasLetGo) {
     const TemporaryTree tree{{"file", ""}};
     scanner.emplace([] { open_it("file"); });
@@ -142,21 +135,13 @@ TEST(SocketServer, ListensOrHasADatagramSocket) {
     }
 }
 
-// Of what cannot be mapped no mappings are read, only the list of mounts.
 TEST(Shortage, OfMemoryForTheListOfMountsCountsAsServedAndAsInUse) {
-    tables_left = 1;
-    EXPECT_EQ(in_use("/mnt"), 0);
-    EXPECT_EQ(in_use("/mnt"), 1);
-    EXPECT_EQ(get_socket_server_pid("/mnt", SOCKET_SERVER_NO_PID), 0);
+    const TemporaryTree tree{{"file", ""}};
+    const UniqueFd own(open("file", O_RDONLY | O_CLOEXEC)); // so that processes are looked at
+    tables_left = 0;
+    EXPECT_EQ(in_use("file"), 1);
+    EXPECT_EQ(get_socket_server_pid("file", SOCKET_SERVER_NO_PID), 0);
+    EXPECT_EQ(in_use("."), 0) << "no process is looked at for what is no regular file";
+    EXPECT_EQ(in_use("/proc/1/maps"), 0) << "nor for the file of a process";
     tables_left = 100000;
-}
-
-// Before Linux 6.6 the kernel lists the file below an overlay, which is on
-// another device.
-TEST(ProcTables, MappingsOnAnOverlayAreTheFilesByInode) {
-    for (const bool is_on_overlay : {true, false}) {
-        char line[] = "7f-80 r--p 00 fe:1b 4711    /a\n";
-        const UniqueFile table(fmemopen(line, sizeof(line) - 1, "r"));
-        EXPECT_EQ(maps_file(table.get(), {0xfe1a, 4711}, is_on_overlay), is_on_overlay);
-    }
 }

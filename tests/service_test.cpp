@@ -12,7 +12,6 @@
 #include <array>
 #include <cstring>
 #include <iostream>
-#include <malloc.h>
 #include <set>
 #include <syslog.h>
 
@@ -282,22 +281,4 @@ TEST(Signals, TheTenthStopSignalAborts) {
     on_stop_signal(SIGINT);
     EXPECT_EXIT(on_stop_signal(SIGINT), testing::KilledBySignal(SIGABRT), "");
     stop_count = 0;
-}
-
-// Deliveries and reloads, and no rescan: the memory stays as after the first 50
-// passes.
-TEST(LongLife, FiveHundredPasses) {
-    const TemporaryTree tree{{"Play/", ""}, {"event.toml", event}};
-    const auto begin = [] {
-        during_sleep = [] {
-            now += check_interval_us;
-            write_file(arriving, std::to_string(++sleeps));
-            const std::string size = std::to_string(mallinfo2().uordblks);
-            write_file(sleeps <= 50 ? "early size" : "late size", size);
-            raise(sleeps == 501 ? SIGINT : sleeps % 7 == 0 ? SIGHUP : 0);
-        };
-    };
-    EXPECT_EQ(status_of_life(begin), 0);
-    EXPECT_EQ(tree_of("Play").size(), 1000U) << "500 items, each with metadata";
-    EXPECT_LE(std::stol(read_file("late size")), std::stol(read_file("early size")) + 4096);
 }

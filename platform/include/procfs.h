@@ -20,10 +20,10 @@ typedef struct procfs_path_in_use_info {
 // With this flag, procfs_path_in_use looks for the process also when it has the answer without.
 #define PROCFS_FIND_HOLDER 1U
 
-// 1 when something other than the service uses the file at path, or when that cannot be told; 0
-// when nothing does or there is no such file. Symbolic links are followed. The file itself counts,
-// not its name: hard links and other mounts are found. The service's own descriptors, inherited
-// ones included, never count. Reads no file. With max_info above 0, info[0].pid is set.
+// 1 when something other than the service uses the regular file at path, or when that cannot be
+// told; 0 when nothing does or there is no such file. Symbolic links are followed. The file itself
+// counts, not its name: hard links and other mounts are found. The service's own descriptors,
+// inherited ones included, never count. Reads no file. With max_info above 0, info[0].pid is set.
 //
 // The answer comes from a write lease where the kernel grants or refuses one for every use of the
 // file, else from a walk over the processes.

@@ -23,7 +23,7 @@ namespace {
 enum class LeaseAnswer {
     unused,   // no process has the file open, mapped or is executing it
     used,     // something has: a process, the service itself included, or the kernel
-    no_answer // not a regular file, not ours to ask about, or a file system that does not know
+    no_answer // not ours to ask about, or a file system that does not know
 };
 
 constexpr unsigned int afs_magic = 0x6b414653; // the kernel's own AFS; AFS_SUPER_MAGIC is OpenAFS
@@ -67,13 +67,15 @@ bool take_lease(int fd, long slept_before_opening) {
 // moment waits for it or, with O_NONBLOCK, is told to try again.
 LeaseAnswer ask_for_write_lease(int path_fd) {
     struct stat status {};
-    if (fstat(path_fd, &status) != 0 || !S_ISREG(status.st_mode))
-        return LeaseAnswer::no_answer;
     struct statfs file_system {};
-    if (fstatfs(path_fd, &file_system) != 0)
+    if (fstat(path_fd, &status) != 0 || fstatfs(path_fd, &file_system) != 0)
         return LeaseAnswer::no_answer;
     // The field is signed and of another width than the numbers.
     const auto type = static_cast<unsigned int>(file_system.f_type);
+    // No material. To open a file of a process, or to look for users of a FIFO in all of them, is
+    // to wait for a process that does not let itself be looked at.
+    if (!S_ISREG(status.st_mode) || type == PROC_SUPER_MAGIC)
+        return LeaseAnswer::unused;
     if (std::find(std::begin(remote_file_systems), std::end(remote_file_systems), type) !=
         std::end(remote_file_systems))
         return LeaseAnswer::no_answer;

@@ -24,8 +24,8 @@ struct Search {
     FileIdentity file;
     FileIdentity identity_in_maps;
     bool is_on_overlay = false;
-    bool can_be_mapped = false; // only a regular file can
-    int proc = AT_FDCWD;        // the opened process file system
+    bool can_be_mapped = false;
+    int proc = AT_FDCWD; // the opened process file system
 };
 
 pid_t to_pid(const char *number) {
@@ -113,7 +113,6 @@ Memory look_at_memory(const Search &wanted, const std::string &task) {
     } else if (has_ended(errno)) {
         return Memory::none;
     }
-    // The table waits while its process maps a file, as long as the file system of that one likes.
     if (!wanted.can_be_mapped)
         return Memory::without_file;
     const UniqueFile mappings(fopen(("/proc/" + task + "/maps").c_str(), "re"));
@@ -188,13 +187,12 @@ pid_t find_process(Search wanted) {
 
 pid_t find_process_using_file(int path_fd) {
     Search wanted{};
-    struct stat status {};
     struct statfs file_system {};
     if (!identify(path_fd, "", wanted.file) ||
-        !identify_for_kernel(path_fd, wanted.identity_in_maps) || fstat(path_fd, &status) != 0 ||
+        !identify_for_kernel(path_fd, wanted.identity_in_maps) ||
         fstatfs(path_fd, &file_system) != 0)
         return -1;
-    wanted.can_be_mapped = S_ISREG(status.st_mode);
+    wanted.can_be_mapped = true;
     wanted.is_on_overlay = file_system.f_type == OVERLAYFS_SUPER_MAGIC;
     return find_process(wanted);
 }

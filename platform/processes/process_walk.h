@@ -13,7 +13,7 @@
 // with errno when the file cannot be identified or the process file system cannot be listed.
 // Descriptors opened with O_PATH do not count in any of the three.
 
-// A process that uses the file of an O_PATH descriptor: it, or one of its threads that has
+// A process that uses the regular file of an O_PATH descriptor: it, or one of its threads that has
 // descriptors of its own, has it open, mapped (even after close) or is executing it.
 pid_t find_process_using_file(int path_fd);
 
