@@ -62,7 +62,6 @@ const struct LoadCase {
      "Error="},
     {"DeepTables", "x=" + repeat("{a=", fits) + "1" + repeat("}", fits), "||"},
     {"DeepSection", "[event" + repeat(".a", fits) + "]", "Invalid"},
-    {"ArraysTooDeep", "x=" + repeat("[", deep) + repeat("]", deep), too_deep},
     {"LinesTooDeep", "x=" + repeat("[\n", deep) + repeat("]", deep), too_deep},
     {"TablesTooDeep", "x=" + repeat("{a.b=", deep / 2), too_deep},
 };
