@@ -61,9 +61,8 @@ const struct LoadCase {
      "    Pattern:       'C:\\media\\upload'\n    Ready:         No Unable to compile regex. "
      "Error="},
     {"DeepTables", "x=" + repeat("{a=", fits) + "1" + repeat("}", fits), "||"},
-    {"DeepSection", "[event" + repeat(".a", fits) + "]", "Invalid"},
     {"LinesTooDeep", "x=" + repeat("[\n", deep) + repeat("]", deep), too_deep},
-    {"TablesTooDeep", "x=" + repeat("{a.b=", deep / 2), too_deep},
+    {"TablesTooDeep", "x=" + repeat("{a.b=", deep * 2 / 5), too_deep},
 };
 
 const bool registered = register_rows("Load", load_cases, [](const LoadCase &row) {

@@ -80,7 +80,7 @@ TEST(Daemon, RunsUntilItIsStopped) {
     EXPECT_EQ(start("-d/mnt/x").status(), 1);
     kill(daemon.pid, SIGHUP);
     wait_for("/run/err", "SIGHUP\nAdded section 'event'\n");
-    kill(daemon.pid, SIGTERM);
+    kill(daemon.pid, SIGINT);
     EXPECT_EQ(daemon.status(), 0);
     EXPECT_TRUE(has(read_file("/run/err"),
                     "target realpath: /mnt/storage/play\nThis service is already running.\n"

@@ -168,7 +168,6 @@ const struct PlantedKind {
     {"LinkToFile", [](auto *at) { link_to("canary/metadata", at); }},
     {"LinkToNothing", [](auto *at) { link_to("gone", at); }},
     {"LinkToIdleSocket", [](auto *at) { link_to("idle", at); }},
-    {"LinkToLink", [](auto *at) { link_to("link", at); }},
     {"HardLink", [](auto *at) { fs::create_hard_link("../canary/empty", at); }, at_file},
     {"BigFile", [](auto *at) { std::ofstream(at).seekp(2 << 20) << '='; }, at_file},
     {"Fifo", [](auto *at) { mkfifo(at, 0666); }},

@@ -143,5 +143,7 @@ TEST(Shortage, OfMemoryForTheListOfMountsCountsAsServedAndAsInUse) {
     EXPECT_EQ(get_socket_server_pid("file", SOCKET_SERVER_NO_PID), 0);
     EXPECT_EQ(in_use("."), 0) << "no process is looked at for what is no regular file";
     EXPECT_EQ(in_use("/proc/1/maps"), 0) << "nor for the file of a process";
+    EXPECT_EQ(in_use("/etc/passwd/x") + in_use(std::string(300, 'n')), 0) << "nor without a file";
+    EXPECT_EQ(in_use(std::string(5000, '/') + "etc/passwd"), 1) << "too long to be asked about";
     tables_left = 100000;
 }
