@@ -47,7 +47,7 @@ UniqueFd make_archive(int target_fd) {
 std::string choose_archive_name(int archive_fd, const ItemContext &target) {
     const time_t now = time(nullptr);
     const tm *local = localtime(&now);
-    const tm captured = local == nullptr ? tm{} : *local; // its next use overwrites the library's
+    const tm captured = local == nullptr ? tm{} : *local; // a copy: the library reuses its own
     ItemMetadata list;
     const ArchiveBase base =
         choose_archive_base(archive_fd, target.file_name(), read_original_name(target, list));

@@ -26,7 +26,7 @@ DeliveryPlan plan_delivery(int watch_fd, const std::string &name, int target_fd,
 bool may_rename_in(int dir_fd) {
     // A hard link to a directory is always refused. An id-mapped mount that does not map the user
     // refuses it earlier, with another error.
-    if (linkat(dir_fd, ".", dir_fd, ".no second name", 0) != 0 && errno == EOVERFLOW)
+    if (dir_fd >= 0 && linkat(dir_fd, ".", dir_fd, ".no name", 0) != 0 && errno == EOVERFLOW)
         return false;
     return dir_fd < 0 || faccessat(dir_fd, ".", W_OK | X_OK, AT_EACCESS) == 0;
 }

@@ -13,7 +13,8 @@ std::optional<std::string> read_marker(const ItemContext &item);
 
 // Does the metadata directory, opened beforehand, hold an active-socket marker: a regular file, or
 // a symbolic link to a socket that a living process serves? A marker that cannot be examined counts
-// as none; a socket whose server cannot be found out counts as served.
+// as none. A socket counts as served when its server cannot be found out, or when the service is
+// short of descriptors or memory to open it.
 bool is_item_running(const ItemContext &item);
 
 // Does any process hold the file open? True also when that cannot be told.

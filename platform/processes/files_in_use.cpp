@@ -72,8 +72,8 @@ LeaseAnswer ask_for_write_lease(int path_fd) {
         return LeaseAnswer::no_answer;
     // The field is signed and of another width than the numbers.
     const auto type = static_cast<unsigned int>(file_system.f_type);
-    // No material. To open a file of a process, or to look for users of a FIFO in all of them, is
-    // to wait for a process that does not let itself be looked at.
+    // These are no material, and looking at them can hang: opening /proc/PID/maps waits for that
+    // process, and finding the users of a FIFO waits for each process that is looked at.
     if (!S_ISREG(status.st_mode) || type == PROC_SUPER_MAGIC)
         return LeaseAnswer::unused;
     if (std::find(std::begin(remote_file_systems), std::end(remote_file_systems), type) !=

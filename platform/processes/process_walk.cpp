@@ -24,8 +24,8 @@ struct Search {
     FileIdentity file;
     FileIdentity identity_in_maps;
     bool is_on_overlay = false;
-    bool can_be_mapped = false;
-    int proc = AT_FDCWD; // the opened process file system
+    bool can_be_mapped = false; // a socket cannot: its search reads no mappings
+    int proc = AT_FDCWD;        // the opened process file system
 };
 
 pid_t to_pid(const char *number) {
